@@ -1,0 +1,163 @@
+#include "daemon/lifecycle.h"
+
+#include "appliance_util.h"
+#include "comm_socket_v4.h"
+#include "config/configuration.h"
+#include "daemon/command_line.h"
+#include "daemon/instance_guard.h"
+#include "daemon/process_state.h"
+#include "daemon/signals.h"
+#include "rendermgr/channels.h"
+#include "service/command_server.h"
+#include "trigger/trigger_listener.h"
+
+#include <csignal>
+#include <cstdio>
+#include <sys/stat.h>
+#include <syslog.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr uint64_t channel_refresh_interval_us = 5000000;
+constexpr useconds_t pass_sleep_us = 250000;
+constexpr int calls_per_pass = 10;
+
+// Start-up steps up to the main loop.  A failure writes its message and
+// yields the exit status; nothing made before it is undone, the process exit
+// closes what is open.  A status of -1 means that the start went through.
+int start_up(int argc, char** argv)
+{
+    if (!parse_argv(argc, argv))
+        return 1;
+    if (AmIRunning()) {
+        fputs("This service is already running.\n", stderr);
+        return 1;
+    }
+    if (!force_run) {
+        // lstat, not stat: a symbolic link is refused even when it leads to
+        // a regular file.  A daemon without a configuration ends with 0.
+        struct stat info {};
+        if (lstat(configuration_path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
+            fputs("No configuration path, exiting\n", stderr);
+            return 0;
+        }
+    }
+    bool loaded = load_configuration();
+    if (loaded && !force_run && configuration.empty()) {
+        fputs("Nothing to watch.\n", stderr);
+        return 1;
+    }
+    if (!loaded && !force_run) {
+        fputs("Failed to load configuration.\n", stderr);
+        return 1;
+    }
+    server_socket = comm_socket_v4_create();
+    if (server_socket == nullptr) {
+        fputs("Failed to create server socket\n", stderr);
+        return 1;
+    }
+    if (tcp_trigger_open() != 0) {
+        fputs("Unable to open TCP socket\n", stderr);
+        return 1;
+    }
+    openlog("q9_korvane_xml_events_d", LOG_NDELAY, LOG_DAEMON);
+    syslog(LOG_DAEMON | LOG_INFO, "Starting up\n");
+    if (comm_socket_v4_create_server(server_socket, server_socket_path) != 0) {
+        fprintf(stderr, "Failed to create server socket at %s\n", server_socket_path);
+        return 1;
+    }
+    FILE* pid_file = fopen(pid_file_path, "w");
+    if (pid_file == nullptr) {
+        fprintf(stderr, "Unable to write PID file %s\n", pid_file_path);
+        return 1;
+    }
+    fprintf(pid_file, "%lu\n", static_cast<unsigned long>(getpid()));
+    fclose(pid_file);
+
+    util_check_and_unmask_common_signals();
+    sigset_t hangup;
+    sigemptyset(&hangup);
+    sigaddset(&hangup, SIGHUP);
+    sigprocmask(SIG_UNBLOCK, &hangup, nullptr);
+    signal(SIGINT, sigma);
+    signal(SIGTERM, sigma);
+    signal(SIGQUIT, sigma);
+    signal(SIGHUP, reload_config_signal);
+
+    monotonic_clock_us();
+    known_channels_update();
+    connect_manage();
+    return -1;
+}
+
+// One pass of the main loop.  The channel refresh runs on the first pass
+// too, right after the one at start-up: the second finds every endpoint in
+// place and attempts nothing twice.
+void main_loop_pass(uint64_t& next_refresh)
+{
+    uint64_t now = monotonic_clock_us();
+    if (now >= next_refresh) {
+        uint64_t after_now = now + channel_refresh_interval_us;
+        uint64_t after_last = next_refresh + channel_refresh_interval_us;
+        next_refresh = after_now > after_last ? after_now : after_last;
+        known_channels_update();
+        connect_manage();
+    }
+    usleep(pass_sleep_us);
+    reload_if_requested();
+    connect_idle();
+    for (int i = 0; i < calls_per_pass; ++i)
+        handle_server_socket();
+    for (int i = 0; i < calls_per_pass; ++i)
+        service_all_tcp_clients();
+}
+
+// The ordered stop: the command server first (its clients are not told),
+// then the TCP side, then the channels.
+void stop()
+{
+    server_socket = comm_socket_v4_destroy(server_socket);
+    if (tcp_trigger_fd >= 0) {
+        close(tcp_trigger_fd);
+        tcp_trigger_fd = -1;
+    }
+    drop_all_tcp_clients();
+    free_all();
+    unlink(pid_file_path);
+    fd_debug_dump_open_files(stderr);
+    syslog(LOG_DAEMON | LOG_INFO, "Shutting down\n");
+}
+
+}  // namespace
+
+void reload_if_requested()
+{
+    if (reload_config <= 0)
+        return;
+    // SIGHUP is held back only while the count is reported and cleared; one
+    // arriving meanwhile is delivered at the unblock and reloads next pass.
+    sigset_t hangup;
+    sigemptyset(&hangup);
+    sigaddset(&hangup, SIGHUP);
+    sigprocmask(SIG_BLOCK, &hangup, nullptr);
+    fputs("Reloading config, SIGHUP\n", stderr);
+    reload_config = 0;
+    sigprocmask(SIG_UNBLOCK, &hangup, nullptr);
+
+    configuration.clear();
+    if (!load_configuration())
+        fputs("Warning: Configuration load failure\n", stderr);
+}
+
+int run_daemon(int argc, char** argv)
+{
+    int status = start_up(argc, argv);
+    if (status >= 0)
+        return status;
+    uint64_t next_refresh = 0;
+    while (DIEsig == 0)
+        main_loop_pass(next_refresh);
+    stop();
+    return 0;
+}
