@@ -6,6 +6,7 @@
 
 #include "appliance_util.h"
 #include "comm_socket_v4.h"
+#include "rendermgr/channels.h"
 
 #include <algorithm>
 #include <dirent.h>
@@ -32,6 +33,34 @@ inline void remove_channel_dir(int channel)
 {
     unlink(channel_socket(channel).c_str());
     rmdir(channel_dir(channel).c_str());
+}
+
+/// Empties the channel root of directories, files and socket files.
+inline void clear_channel_root()
+{
+    DIR* dir = opendir(rendermgr_root);
+    if (dir == nullptr)
+        return;
+    while (const dirent* entry = readdir(dir)) {
+        std::string name = entry->d_name;
+        if (name == "." || name == "..")
+            continue;
+        std::string path = std::string(rendermgr_root) + "/" + name;
+        unlink((path + "/.media.item.active.socket").c_str());
+        if (rmdir(path.c_str()) != 0)
+            unlink(path.c_str());
+    }
+    closedir(dir);
+}
+
+/// Puts every global of the channel module back to its initial state and
+/// empties the channel root, so that tests also pass in one process.
+inline void reset_channels()
+{
+    free_all();
+    known_channels.clear();
+    sel_channels.clear();
+    clear_channel_root();
 }
 
 /// Calls `step` until it returns true or 5 s have passed; true on success.

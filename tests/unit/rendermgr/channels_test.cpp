@@ -8,40 +8,59 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
 namespace {
 
+// A listening socket at the channel's socket path whose queue one connection
+// that nobody accepts fills, so that the daemon's attempt stays pending.
+class FullListenQueue {
+public:
+    explicit FullListenQueue(int channel) : path(channel_socket(channel))
+    {
+        mkdir(channel_dir(channel).c_str(), 0755);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        strcpy(address.sun_path, path.c_str());
+        const sockaddr* at = reinterpret_cast<const sockaddr*>(&address);
+        listener = socket(AF_UNIX, SOCK_STREAM, 0);
+        bind(listener, at, sizeof(address));
+        listen(listener, 0);
+        queued = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        filled = connect(queued, at, sizeof(address)) == 0;
+    }
+    ~FullListenQueue()
+    {
+        close(queued);
+        close_listener();
+    }
+
+    /// Accepts the queued connection (and lets it go), making room.
+    void make_room() { close(accept(listener, nullptr, nullptr)); }
+
+    /// Stops listening and removes the socket file.
+    void close_listener()
+    {
+        if (listener >= 0)
+            close(listener);
+        listener = -1;
+        unlink(path.c_str());
+    }
+
+    std::string path;
+    int listener = -1;
+    int queued = -1;
+    bool filled = false;
+};
+
 class ChannelsTest : public testing::Test {
 protected:
-    void SetUp() override { reset(); }
-    void TearDown() override { reset(); }
-
-    static void reset()
-    {
-        free_all();
-        known_channels.clear();
-        sel_channels.clear();
-        clear_channel_root();
-    }
-
-    static void clear_channel_root()
-    {
-        DIR* dir = opendir(rendermgr_root);
-        if (dir == nullptr)
-            return;
-        while (const dirent* entry = readdir(dir)) {
-            std::string path = std::string(rendermgr_root) + "/" + entry->d_name;
-            if (entry->d_name[0] == '.' && (entry->d_name[1] == '\0' || entry->d_name[1] == '.'))
-                continue;
-            unlink((path + "/.media.item.active.socket").c_str());
-            if (rmdir(path.c_str()) != 0)
-                unlink(path.c_str());
-        }
-        closedir(dir);
-    }
+    void SetUp() override { reset_channels(); }
+    void TearDown() override { reset_channels(); }
 
     // One channel refresh, as the main loop makes it.
     static void refresh()
@@ -289,6 +308,46 @@ TEST_F(ChannelsTest, LossBeforeTheConnectionWasSeenOpenIsSilent)
 
     EXPECT_EQ("Channel 9: opening connection", err);
     EXPECT_EQ(nullptr, rendermgr_get_channel(9)->sock);
+}
+
+TEST_F(ChannelsTest, PendingAttemptThatFailsEndsSilently)
+{
+    FullListenQueue queue(7);
+    ASSERT_TRUE(queue.filled);
+    CaptureStderr();
+    refresh();
+    RenderManagerConnection* connection = rendermgr_get_channel(7);
+    ASSERT_NE(nullptr, connection->sock);
+    EXPECT_EQ(1U, connection->sock->connect_pending & 1U);
+    EXPECT_EQ(0U, connection->sock->established & 1U);
+    connect_idle();
+    EXPECT_NE(nullptr, connection->sock);
+
+    queue.close_listener();
+    bool ended = wait_for([&] { connect_idle(); return connection->sock == nullptr; });
+    std::string err = GetCapturedStderr();
+
+    EXPECT_TRUE(ended);
+    EXPECT_EQ("Channel 7: opening connection", err);
+    EXPECT_FALSE(connection->open);
+}
+
+TEST_F(ChannelsTest, PendingAttemptBecomesOpenOnceTheRenderManagerHasRoom)
+{
+    FullListenQueue queue(8);
+    ASSERT_TRUE(queue.filled);
+    CaptureStderr();
+    refresh();
+    connect_idle();
+    RenderManagerConnection* connection = rendermgr_get_channel(8);
+    EXPECT_FALSE(connection->open);
+
+    queue.make_room();
+    bool opened = wait_for([&] { connect_idle(); return connection->open; });
+    std::string err = GetCapturedStderr();
+
+    EXPECT_TRUE(opened);
+    EXPECT_EQ("Channel 8: opening connectionChannel 8: connection open\n", err);
 }
 
 TEST_F(ChannelsTest, LostConnectionIsRetriedAtTheNextRefresh)

@@ -7,23 +7,117 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <fcntl.h>
+#include <linux/sockios.h>
+#include <signal.h>
+#include <sys/ioctl.h>
+#include <sys/wait.h>
 
 using testing::internal::CaptureStderr;
 using testing::internal::GetCapturedStderr;
 
 namespace {
 
+// A render manager in a child process, so that it takes data in while this
+// process is inside play_now.  It writes "ready\n" once it listens, then
+// "NAME = VALUE\n" for every "set" request it receives.
+class RenderManagerProcess {
+public:
+    explicit RenderManagerProcess(int channel)
+    {
+        int ends[2];
+        if (pipe(ends) != 0)
+            return;
+        pid = fork();
+        if (pid == 0) {
+            close(ends[0]);
+            serve(channel, ends[1]);
+        }
+        close(ends[1]);
+        report = ends[0];
+        fcntl(report, F_SETFL, O_NONBLOCK);
+    }
+    ~RenderManagerProcess()
+    {
+        if (pid > 0) {
+            kill(pid, SIGKILL);
+            waitpid(pid, nullptr, 0);
+        }
+        close(report);
+    }
+
+    /// Collects the report until it holds `text`; false after 5 s.
+    bool wait_for_report(const std::string& text, const std::function<void()>& meanwhile)
+    {
+        return wait_for([&] {
+            meanwhile();
+            char chunk[256];
+            for (ssize_t got; (got = read(report, chunk, sizeof(chunk))) > 0;)
+                reported.append(chunk, size_t(got));
+            return reported.find(text) != std::string::npos;
+        });
+    }
+
+    pid_t pid = -1;
+    int report = -1;
+    std::string reported;
+
+private:
+    [[noreturn]] static void serve(int channel, int report)
+    {
+        ChannelServer server(channel);
+        dprintf(report, server.listening() ? "ready\n" : "failed\n");
+        for (;;) {
+            server.serve();
+            for (comm_socket_v4_packet* packet : server.received) {
+                if (strcmp(packet_command_word(packet), "set") == 0)
+                    dprintf(report, "%s = %s\n", packet_argument(packet, 0), packet_argument(packet, 1));
+                comm_socket_v4_packet_release(packet);
+            }
+            server.received.clear();
+            usleep(100);
+        }
+    }
+};
+
+// One request whose only argument is `text`; the send's result.
+int send_filler(comm_socket_v4* sock, const std::string& text)
+{
+    comm_socket_v4_packet* packet = comm_socket_v4_packet_create();
+    comm_socket_v4_packet_begin_writing(packet, 0, "fill", "");
+    comm_socket_v4_packet_write_argv(packet, text.c_str());
+    comm_socket_v4_packet_write_argv_end(packet);
+    comm_socket_v4_packet_write_end(packet);
+    int sent = comm_socket_v4_packet_send_to_server(sock, packet);
+    comm_socket_v4_packet_release(packet);
+    return sent;
+}
+
+// Queues output on the connection, without polling it, until the library
+// refuses even a request smaller than any setting; false if it never does.
+bool fill_output(comm_socket_v4* sock)
+{
+    for (size_t size : {size_t(8) << 20, size_t(256) << 10, size_t(8) << 10, size_t(256), size_t(0)}) {
+        int accepted = 0;
+        while (send_filler(sock, std::string(size, 'x')) > 0)
+            if (++accepted > 64)
+                return false;
+    }
+    return true;
+}
+
+// Bytes written to the socket that its peer has not read yet.
+int unread_bytes(int fd)
+{
+    int bytes = -1;
+    ioctl(fd, SIOCOUTQ, &bytes);
+    return bytes;
+}
+
 class PlayCommandTest : public testing::Test {
 protected:
-    void SetUp() override { reset(); }
-    void TearDown() override { reset(); }
-
-    static void reset()
-    {
-        free_all();
-        known_channels.clear();
-        sel_channels.clear();
-    }
+    void SetUp() override { reset_channels(); }
+    void TearDown() override { reset_channels(); }
 
     // Connects the daemon to `server`'s channel and waits until the record
     // is open and the render manager has taken the connection in.
@@ -142,7 +236,7 @@ TEST_F(PlayCommandTest, ItemNameIsSentAsItIs)
     expect_setting(server.received[1], "+alt-now", "it's \"a\" clip = 1");
 }
 
-TEST_F(PlayCommandTest, RenderManagerGoneBeforePlayLosesBothSettingsWithMessages)
+TEST_F(PlayCommandTest, RenderManagerGoneBeforePlayFailsTheFirstSettingAndSkipsTheSecond)
 {
     ChannelServer server(5);
     RenderManagerConnection* connection = open_channel(server);
@@ -153,12 +247,41 @@ TEST_F(PlayCommandTest, RenderManagerGoneBeforePlayLosesBothSettingsWithMessages
     play_now(connection, "clip");
     std::string err = GetCapturedStderr();
 
-    // The failed send or the poll after it notices the loss; the second
-    // setting then finds no endpoint and is not attempted.
-    EXPECT_EQ(0U, err.find("Channel 5: setting 'alt loop' = 0\n"));
-    EXPECT_EQ(std::string::npos, err.find("+alt-now"));
+    // The send meets the hang-up and marks the endpoint dead; the poll after
+    // it ends the connection, so the second setting finds no endpoint.
+    EXPECT_EQ("Channel 5: setting 'alt loop' = 0\n"
+              "Channel 5: Failed to sent packet\n"
+              "Channel 5: connection closed\n",
+              err);
     EXPECT_EQ(nullptr, connection->sock);
     EXPECT_FALSE(connection->open);
+}
+
+TEST_F(PlayCommandTest, FailedFirstSendStillSendsTheSecondSetting)
+{
+    mkdir(channel_dir(6).c_str(), 0755);
+    RenderManagerProcess render_manager(6);
+    ASSERT_TRUE(render_manager.wait_for_report("ready\n", [] {}));
+    known_channels_update();
+    connect_manage();
+    RenderManagerConnection* connection = rendermgr_get_channel(6);
+    ASSERT_TRUE(wait_for([&] { connection->idle(); return connection->open; }));
+    // A render manager that lags this far behind makes the library refuse
+    // further requests; once it has read what the socket holds, the poll
+    // between the settings makes room again.
+    ASSERT_TRUE(fill_output(connection->sock));
+    ASSERT_TRUE(wait_for([&] { return unread_bytes(connection->sock->fd) == 0; }));
+
+    CaptureStderr();
+    play_now(connection, "clip");
+    std::string err = GetCapturedStderr();
+
+    EXPECT_EQ("Channel 6: setting 'alt loop' = 0\n"
+              "Channel 6: Failed to sent packet\n"
+              "Channel 6: setting '+alt-now' = clip\n",
+              err);
+    EXPECT_TRUE(render_manager.wait_for_report("+alt-now = clip\n", [&] { connection->idle(); }));
+    EXPECT_EQ("ready\n+alt-now = clip\n", render_manager.reported);
 }
 
 }  // namespace
