@@ -12,6 +12,7 @@
 #include <dirent.h>
 #include <functional>
 #include <string>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 #include <vector>
@@ -84,6 +85,14 @@ inline int open_descriptor_count()
         count += entry->d_name[0] != '.';
     closedir(dir);
     return count;
+}
+
+/// Bytes that have arrived on socket `fd` and were not read yet.
+inline int unread_bytes(int fd)
+{
+    int bytes = -1;
+    ioctl(fd, FIONREAD, &bytes);
+    return bytes;
 }
 
 /// One render manager: creates its directory and listens at its socket.

@@ -8,6 +8,7 @@
 #include <cstdio>
 #include <map>
 #include <memory>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -365,22 +366,25 @@ TEST_F(ChannelsTest, LostConnectionIsRetriedAtTheNextRefresh)
     EXPECT_EQ("Channel 2: opening connectionChannel 2: connection open\n", GetCapturedStderr());
 }
 
-TEST_F(ChannelsTest, PacketsFromTheRenderManagerAreDrainedUnread)
+TEST_F(ChannelsTest, OnePollDrainsEverythingTheRenderManagerSent)
 {
     ChannelServer server(3);
     refresh();
     ASSERT_TRUE(poll_until_open(server));
     ASSERT_TRUE(wait_for([&] { server.serve(); return server.peers.size() == 1; }));
-    for (int i = 0; i < 3; ++i)
+    for (int i = 0; i < 100; ++i)
         server.send_to_peers();
+    server.serve();
+    RenderManagerConnection* connection = rendermgr_get_channel(3);
+    ASSERT_TRUE(wait_for([&] { return unread_bytes(connection->sock->fd) > 0; }));
 
     CaptureStderr();
     connect_idle();
     std::string err = GetCapturedStderr();
 
-    RenderManagerConnection* connection = rendermgr_get_channel(3);
     EXPECT_EQ("", err);
     EXPECT_TRUE(connection->open);
+    EXPECT_EQ(0, unread_bytes(connection->sock->fd));
     EXPECT_EQ(nullptr, comm_socket_v4_client_get_packet_from_server(connection->sock));
 }
 

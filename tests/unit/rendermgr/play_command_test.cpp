@@ -106,8 +106,8 @@ bool fill_output(comm_socket_v4* sock)
     return true;
 }
 
-// Bytes written to the socket that its peer has not read yet.
-int unread_bytes(int fd)
+// Bytes written to socket `fd` that its peer has not read yet.
+int unsent_bytes(int fd)
 {
     int bytes = -1;
     ioctl(fd, SIOCOUTQ, &bytes);
@@ -270,7 +270,7 @@ TEST_F(PlayCommandTest, FailedFirstSendStillSendsTheSecondSetting)
     // further requests; once it has read what the socket holds, the poll
     // between the settings makes room again.
     ASSERT_TRUE(fill_output(connection->sock));
-    ASSERT_TRUE(wait_for([&] { return unread_bytes(connection->sock->fd) == 0; }));
+    ASSERT_TRUE(wait_for([&] { return unsent_bytes(connection->sock->fd) == 0; }));
 
     CaptureStderr();
     play_now(connection, "clip");
