@@ -36,9 +36,11 @@ inline void remove_channel_dir(int channel)
     rmdir(channel_dir(channel).c_str());
 }
 
-/// Empties the channel root of directories, files and socket files.
+/// Leaves the channel root present and empty of directories, files and
+/// socket files.
 inline void clear_channel_root()
 {
+    mkdir(rendermgr_root, 0755);
     DIR* dir = opendir(rendermgr_root);
     if (dir == nullptr)
         return;

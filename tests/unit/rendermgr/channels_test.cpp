@@ -7,10 +7,10 @@
 #include <algorithm>
 #include <climits>
 #include <cstdio>
+#include <cstring>
 #include <malloc.h>
 #include <map>
 #include <memory>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 
@@ -143,7 +143,6 @@ TEST_F(ChannelsTest, MissingChannelRootLeavesKnownListEmpty)
 
     EXPECT_TRUE(known_channels.empty());
     EXPECT_GE(known_channels_last_update, before);
-    mkdir(rendermgr_root, 0755);
 }
 
 TEST_F(ChannelsTest, MissingChannelRootDropsEveryRecordAtNextManage)
@@ -158,7 +157,6 @@ TEST_F(ChannelsTest, MissingChannelRootDropsEveryRecordAtNextManage)
 
     EXPECT_EQ("Rendermgr channel 2 is no longer known\nRendermgr channel 5 is no longer known\n", err);
     EXPECT_TRUE(rendermgr_conn.empty());
-    mkdir(rendermgr_root, 0755);
 }
 
 // Connection attempts -----------------------------------------------------------

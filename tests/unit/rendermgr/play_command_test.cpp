@@ -66,7 +66,7 @@ private:
     [[noreturn]] static void serve(int channel, int report)
     {
         ChannelServer server(channel);
-        dprintf(report, server.listening() ? "ready\n" : "failed\n");
+        dprintf(report, "%s", server.listening() ? "ready\n" : "failed\n");
         for (;;) {
             server.serve();
             for (comm_socket_v4_packet* packet : server.received) {
