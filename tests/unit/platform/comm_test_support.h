@@ -82,10 +82,13 @@ inline Message read_message(const unsigned char* frame)
     return message;
 }
 
-/// A connected blocking Unix stream socket, or -1.
+/// A connected blocking Unix stream socket, or -1.  Its reads give up
+/// after 10 s, so that a test fails rather than hangs.
 inline int raw_connect(const char* path)
 {
     int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    timeval patience{10, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
