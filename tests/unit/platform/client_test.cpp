@@ -13,27 +13,11 @@ using ClientTest = CommTest;
 const Message REQUEST{"set", "", {"+alt-now", "clip"}, {{"name", "value"}}};
 const Message REPLY{"set", "OK", {"done"}, {{"a", "1"}, {"b", ""}}};
 
-// A listening socket that the test accepts on by hand, with `backlog`.
-int raw_listen(const char* path, int backlog)
-{
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
-    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 || listen(fd, backlog) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 // Connects non-blocking sockets until the listen queue turns one away.
 std::vector<int> fill_listen_queue(const char* path)
 {
     std::vector<int> fillers;
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
+    sockaddr_un address = address_of(path);
     for (;;) {
         int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
         if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
@@ -72,7 +56,7 @@ TEST_F(ClientTest, ConnectToALiveServerIsEstablished)
     clients.push_back(client);
     EXPECT_EQ(0, comm_socket_v4_connect_to(client, TEST_SOCKET));
     EXPECT_GE(client->fd, 0);
-    EXPECT_TRUE(wait_until([&] { return comm_socket_v4_idle(client) == 0 && client->established; }));
+    EXPECT_TRUE(wait_established(client));
     EXPECT_EQ(0u, client->connect_pending);
 }
 
@@ -98,7 +82,7 @@ TEST_F(ClientTest, FullListenQueueLeavesTheConnectPendingUntilRoomIsMade)
     EXPECT_EQ(0, comm_socket_v4_idle(client));
     for (size_t i = 0; i < fillers.size(); ++i)
         close(accept(listener, nullptr, nullptr));
-    EXPECT_TRUE(wait_until([&] { return comm_socket_v4_idle(client) == 0 && client->established; }));
+    EXPECT_TRUE(wait_established(client));
     EXPECT_EQ(0u, client->connect_pending);
     for (int fd : fillers)
         close(fd);
@@ -130,10 +114,11 @@ TEST_F(ClientTest, PacketSentWhileConnectingGoesOutOnceConnected)
     clients.push_back(client);
     ASSERT_EQ(0, comm_socket_v4_connect_to(client, TEST_SOCKET));
     comm_socket_v4_packet* packet = packet_of(REQUEST, 3);
-    EXPECT_EQ(static_cast<int>(frame_length(packet->data)), comm_socket_v4_packet_send_to_server(client, packet));
+    EXPECT_EQ(static_cast<int>(frame_length(packet->data)),
+              comm_socket_v4_packet_send_to_server(client, packet));
     for (size_t i = 0; i < fillers.size(); ++i)
         close(accept(listener, nullptr, nullptr));
-    EXPECT_TRUE(wait_until([&] { return comm_socket_v4_idle(client) == 0 && client->established; }));
+    EXPECT_TRUE(wait_established(client));
     int peer = accept(listener, nullptr, nullptr);
     std::vector<unsigned char> expected = frame_bytes(packet);
     std::vector<unsigned char> got(expected.size());
@@ -202,7 +187,9 @@ TEST_F(ClientTest, SendToServerReturningZeroLosesThatFrame)
     EXPECT_TRUE(wait_until([&] {
         comm_socket_v4_idle(client);
         comm_socket_v4_idle(server);
-        for (comm_socket_v4_client* from = nullptr; comm_socket_v4_packet* in = comm_socket_v4_server_get_packet(server, &from); ++received)
+        for (comm_socket_v4_client* from = nullptr;
+             comm_socket_v4_packet* in = comm_socket_v4_server_get_packet(server, &from);
+             ++received)
             comm_socket_v4_packet_release(in);
         return received >= kept;
     }));
@@ -226,13 +213,17 @@ int exchange_from_second_process()
     request->reference = 11;
     request->result = -7;
     write_message(request, REQUEST);
-    if (!wait_until([&] { return comm_socket_v4_idle(client) == 0 && client->established; }) ||
+    if (!wait_established(client) ||
         comm_socket_v4_packet_send_to_server(client, request) <= 0)
         return 3;
     comm_socket_v4_packet* reply = nullptr;
-    if (!wait_until([&] { comm_socket_v4_idle(client); return (reply = comm_socket_v4_client_get_packet_from_server(client)) != nullptr; }))
+    if (!wait_until([&] {
+            comm_socket_v4_idle(client);
+            return (reply = comm_socket_v4_client_get_packet_from_server(client)) != nullptr;
+        }))
         return 4;
-    if (!(read_message(reply->data) == REPLY) || reply->flags != 0x02 || reply->reference != 11 || reply->result != 0)
+    if (!(read_message(reply->data) == REPLY) || reply->flags != 0x02 || reply->reference != 11 ||
+        reply->result != 0)
         return 5;
     comm_socket_v4_packet_release(reply);
     comm_socket_v4_packet_release(request);

@@ -21,7 +21,10 @@ protected:
         return bytes;
     }
 
-    bool valid(const std::vector<unsigned char>& bytes) { return frame_valid(bytes.data(), bytes.size()); }
+    bool valid(const std::vector<unsigned char>& bytes)
+    {
+        return frame_valid(bytes.data(), bytes.size());
+    }
 
     template <typename T>
     void put(std::vector<unsigned char>& bytes, size_t at, T value)

@@ -28,7 +28,8 @@ TEST_F(PacketTest, WriteEndMakesTheFrame)
 
 TEST_F(PacketTest, WritingTwiceStartsAfreshAndKeepsHeaderFields)
 {
-    comm_socket_v4_packet* packet = packet_of(Message{"reply", "OK", {"one"}, {{"a", "b"}}}, 0x02, 42, 7);
+    comm_socket_v4_packet* packet =
+        packet_of(Message{"reply", "OK", {"one"}, {{"a", "b"}}}, 0x02, 42, 7);
     write_message(packet, Message{"reply", "Unknown trigger", {}, {}});
     EXPECT_EQ((Message{"reply", "Unknown trigger", {}, {}}), read_message(packet->data));
     comm_socket_v4_packet_begin_writing(packet, 0, "reply", "x");

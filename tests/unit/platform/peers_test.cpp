@@ -136,7 +136,8 @@ TEST_F(PeersTest, WaitOnAWriteablePeerReturnsAtOnce)
     start_server();
     comm_socket_v4_client* peer = nullptr;
     connect_client(&peer);
-    EXPECT_EQ(0, comm_socket_v4_wait_for_server_to_client_writeable(peer, monotonic_clock_us() + 10000000));
+    EXPECT_EQ(0, comm_socket_v4_wait_for_server_to_client_writeable(peer, monotonic_clock_us() +
+                                                                              10000000));
 }
 
 // Fills the socket of a peer that does not read: the sends that returned a
@@ -158,7 +159,8 @@ TEST_F(PeersTest, PeerThatDoesNotReadMakesSendsReturnZeroAndTheWaitEndsAtItsDead
     start_server();
     comm_socket_v4_client* peer = nullptr;
     connect_client(&peer);
-    comm_socket_v4_packet* packet = packet_of(Message{"notify", "OK", {std::string(40000, 'x')}, {}});
+    comm_socket_v4_packet* packet =
+        packet_of(Message{"notify", "OK", {std::string(40000, 'x')}, {}});
     ASSERT_GT(sends_until_full(peer, packet), 0);
     EXPECT_EQ(0, comm_socket_v4_packet_send_to_client(peer, packet));
     uint64_t deadline = monotonic_clock_us() + 200000;
@@ -173,7 +175,8 @@ TEST_F(PeersTest, SendThatReturnedZeroSucceedsOnceThePeerReads)
     start_server();
     comm_socket_v4_client* peer = nullptr;
     comm_socket_v4* client = connect_client(&peer);
-    comm_socket_v4_packet* packet = packet_of(Message{"notify", "OK", {std::string(40000, 'x')}, {}}, 2, 5, 0);
+    comm_socket_v4_packet* packet =
+        packet_of(Message{"notify", "OK", {std::string(40000, 'x')}, {}}, 2, 5, 0);
     int accepted = sends_until_full(peer, packet);
     int received = 0;
     bool sent_again = false;
@@ -183,7 +186,8 @@ TEST_F(PeersTest, SendThatReturnedZeroSucceedsOnceThePeerReads)
             received += read_message(in->data) == read_message(packet->data) && in->reference == 5;
             comm_socket_v4_packet_release(in);
         }
-        if (!sent_again && comm_socket_v4_wait_for_server_to_client_writeable(peer, monotonic_clock_us()) == 0)
+        if (!sent_again &&
+            comm_socket_v4_wait_for_server_to_client_writeable(peer, monotonic_clock_us()) == 0)
             sent_again = comm_socket_v4_packet_send_to_client(peer, packet) > 0;
         return sent_again && received == accepted + 1;
     }));
@@ -211,7 +215,8 @@ const Spoilt SPOILT_FRAMES[] = {
     {"ShorterThanAHeader", [](std::vector<unsigned char>& frame) { put32(frame, 4, 50); }},
     {"Oversized", [](std::vector<unsigned char>& frame) { put32(frame, 4, 16 * 1024 * 1024 + 1); }},
     {"OffsetOutOfRange", [](std::vector<unsigned char>& frame) { put32(frame, 28, 0xfffffff0u); }},
-    {"ArgumentTableOutOfRange", [](std::vector<unsigned char>& frame) { put32(frame, 46, 0x7fffffffu); }},
+    {"ArgumentTableOutOfRange",
+     [](std::vector<unsigned char>& frame) { put32(frame, 46, 0x7fffffffu); }},
     {"UnterminatedString", [](std::vector<unsigned char>& frame) { frame.back() = 'z'; }},
     {"PairLengthWrong", [](std::vector<unsigned char>& frame) { put32(frame, 104 + 4 + 8, 9); }},
 };
@@ -251,7 +256,9 @@ TEST_P(RefusedFrameTest, EndsThatConnectionOnly)
 }
 
 INSTANTIATE_TEST_SUITE_P(Spoilt, RefusedFrameTest, testing::ValuesIn(SPOILT_FRAMES),
-                         [](const testing::TestParamInfo<Spoilt>& info) { return info.param.name; });
+                         [](const testing::TestParamInfo<Spoilt>& info) {
+                             return info.param.name;
+                         });
 
 TEST_F(PeersTest, TruncatedFrameFromAPeerThatHangsUpIsDropped)
 {

@@ -50,12 +50,8 @@ TEST_F(MediaItemTest, StartDeliversOneStartRequestAndHangsUp)
 
 TEST_F(MediaItemTest, StartFailsAtOnceWhenTheServiceCannotTakeIt)
 {
-    int listener = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, Q9MI_SERVICE_PATH, sizeof(address.sun_path) - 1);
-    ASSERT_EQ(0, bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
-    ASSERT_EQ(0, listen(listener, 0));
+    int listener = raw_listen(Q9MI_SERVICE_PATH, 0);
+    ASSERT_GE(listener, 0);
     EXPECT_EQ(0, q9mi_start_item("first"));
     EXPECT_EQ(-1, q9mi_start_item("second"));
     close(listener);
@@ -63,7 +59,8 @@ TEST_F(MediaItemTest, StartFailsAtOnceWhenTheServiceCannotTakeIt)
 
 TEST_F(MediaItemTest, UnknownCommandReplyNamesTheCommand)
 {
-    comm_socket_v4_packet* request = packet_of(Message{"frobnicate", "", {"a"}, {{"n", "v"}}}, 3, 8);
+    comm_socket_v4_packet* request =
+        packet_of(Message{"frobnicate", "", {"a"}, {{"n", "v"}}}, 3, 8);
     comm_socket_v4_packet* reply = comm_socket_v4_packet_create();
     packets.push_back(reply);
     reply->flags = 0x02;

@@ -14,9 +14,7 @@ using ServerTest = CommTest;
 void leave_stale_socket_file(const char* path)
 {
     int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    std::strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
+    sockaddr_un address = address_of(path);
     ASSERT_EQ(0, bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
     close(fd);
 }
