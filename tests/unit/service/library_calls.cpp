@@ -29,6 +29,7 @@ int watched_send_to_client(comm_socket_v4_client* client, comm_socket_v4_packet*
 {
     int result = real_send_to_client(client, packet);
     library_calls.sends.push_back({client, packet, result});
+    library_calls.packet_calls.emplace_back('s', packet);
     return result;
 }
 
@@ -44,5 +45,6 @@ int watched_wait_writeable(comm_socket_v4_client* client, unsigned long deadline
 void watched_release(comm_socket_v4_packet* packet)
 {
     ++library_calls.releases[packet];
+    library_calls.packet_calls.emplace_back('r', packet);
     real_release(packet);
 }

@@ -23,8 +23,11 @@ struct LibraryCalls {
     int waits = 0;
     /// For each wait, how far its deadline lay ahead of monotonic_clock_us() at the call.
     std::vector<int64_t> wait_lead_us;
-    /// Number of comm_socket_v4_packet_release calls per packet (null included).
+    /// Number of comm_socket_v4_packet_release calls per packet (null
+    /// included).  A freed address may come back for a later packet.
     std::map<const comm_socket_v4_packet*, int> releases;
+    /// Every send ('s') and release ('r') in call order, with its packet.
+    std::vector<std::pair<char, const comm_socket_v4_packet*>> packet_calls;
     /// Runs before each wait reaches the library, with the wait's number from 1.
     std::function<void(int)> before_wait;
 };
