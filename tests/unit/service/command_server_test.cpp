@@ -27,6 +27,7 @@ std::vector<std::string> persistent_items()
 TEST_F(CommandServer, WithoutEndpointReturnsMinusOne)
 {
     server_socket = comm_socket_v4_destroy(server_socket);
+    ASSERT_EQ(server_socket, nullptr);
     EXPECT_EQ(handle_server_socket(), -1);
     server_socket = comm_socket_v4_create();
     EXPECT_LT(server_socket->fd, 0);
@@ -48,6 +49,36 @@ TEST_F(CommandServer, NewConnectionGetsAFreshRecord)
     const CommSocketClient& record = server_socket_clients.at(client.index());
     EXPECT_FALSE(record.all_triggers);
     EXPECT_EQ(record.target, "");
+}
+
+TEST_F(CommandServer, AcceptLeavesARecordAlreadyUnderTheIndex)
+{
+    server_socket_clients[0].all_triggers = true;
+    server_socket_clients[0].target = "kept";
+    comm_socket_v4* peer = comm_socket_v4_create();
+    ASSERT_EQ(comm_socket_v4_connect_to(peer, server_socket_path), 0);
+    testing::internal::CaptureStderr();
+    bool accepted = serve_until([] { return !server_socket->clients.empty(); });
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "* new connection\n");
+    comm_socket_v4_close(peer);
+    peer = comm_socket_v4_destroy(peer);
+    ASSERT_TRUE(accepted);
+    ASSERT_EQ(server_socket_clients.size(), 1u);
+    EXPECT_TRUE(server_socket_clients.at(0).all_triggers);
+    EXPECT_EQ(server_socket_clients.at(0).target, "kept");
+}
+
+TEST_F(CommandServer, DisconnectionWithoutRecordIsStillReported)
+{
+    LocalClient client;
+    LocalClient other;
+    server_socket_clients.erase(client.index());
+    client.hang_up();
+    testing::internal::CaptureStderr();
+    bool freed = serve_until([&] { return server_socket->clients.at(client.index()) == nullptr; });
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "* disconnected client\n");
+    EXPECT_TRUE(freed);
+    EXPECT_EQ(server_socket_clients.count(other.index()), 1u);
 }
 
 TEST_F(CommandServer, EachClientHasItsOwnRecordByIndex)
