@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdlib>
 #include <fstream>
@@ -65,24 +66,34 @@ inline int pending_bytes(int fd)
     return count;
 }
 
-/// Follows the sandbox's syslog file from the moment it is made.
+/// Follows the sandbox's syslog file from the moment it is made.  Records
+/// of earlier tests may still be on their way to the file then, so the
+/// watch logs a mark of its own and counts only what follows the mark: the
+/// records of one process reach the file in the order they were sent.
 class SyslogWatch {
 public:
     SyslogWatch()
     {
+        static int watches = 0;
         openlog("q9_korvane_xml_events_d", LOG_NDELAY, LOG_DAEMON);
-        seen_ = all_lines().size();
+        mark_ = "syslog watch " + std::to_string(++watches) + " starts";
+        syslog(LOG_DAEMON | LOG_INFO, "%s", mark_.c_str());
     }
     ~SyslogWatch() { closelog(); }
 
-    /// The records logged since construction, once there are `count` of
-    /// them (or after 10 s, with what there is).
+    /// The records logged after the mark, once there are `count` of them
+    /// (or after 10 s, with what there is).
     std::vector<std::string> wait_for(size_t count) const
     {
         std::vector<std::string> lines;
         wait_until([&] {
             lines = all_lines();
-            lines.erase(lines.begin(), lines.begin() + static_cast<long>(seen_));
+            auto mark = std::find_if(lines.begin(), lines.end(), [&](const std::string& line) {
+                return daemon_info_text(line) == "q9_korvane_xml_events_d: " + mark_;
+            });
+            if (mark == lines.end())
+                return false;
+            lines.erase(lines.begin(), mark + 1);
             return lines.size() >= count;
         });
         return lines;
@@ -109,7 +120,7 @@ private:
         return lines;
     }
 
-    size_t seen_ = 0;
+    std::string mark_;
 };
 
 }  // namespace trigger_test
