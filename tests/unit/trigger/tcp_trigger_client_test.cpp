@@ -14,48 +14,14 @@ using Pairs = std::map<std::string, std::string>;
 
 namespace {
 
-// A client on one end of a connected pair of stream sockets; the test
-// plays the peer on the other end.
-class TCPTriggerClientTest : public testing::Test {
+class TCPTriggerClientTest : public testing::Test, protected PairedClient {
 protected:
-    void SetUp() override
-    {
-        int ends[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-        client.take_fd(ends[0]);
-        fd = ends[0];
-        peer = ends[1];
-    }
-    void TearDown() override
-    {
-        if (peer >= 0)
-            close(peer);
-    }
-
-    // Sends `text` from the peer, lets the client read once and returns
-    // what it printed on stderr.
-    std::string feed(const std::string& text)
-    {
-        send_text(peer, text);
-        return idle_once();
-    }
-    std::string idle_once()
-    {
-        testing::internal::CaptureStderr();
-        result = client.idle();
-        return testing::internal::GetCapturedStderr();
-    }
     std::string fd_text(const char* format) const
     {
         char text[200];
         snprintf(text, sizeof(text), format, fd);
         return text;
     }
-
-    TCPTriggerClient client;
-    int fd = -1;
-    int peer = -1;
-    int result = 99;
 };
 
 TEST(TCPTriggerClientRecord, StartsClosedAndEmpty)
@@ -218,8 +184,7 @@ TEST_F(TCPTriggerClientTest, LineOf1024CharactersStallsTheConnectionForGood)
 TEST_F(TCPTriggerClientTest, PeerClosingAfterTheFirstLineLeavesTheMessageUnhandled)
 {
     send_text(peer, "TRIGGER\n");
-    close(peer);
-    peer = -1;
+    close_peer();
     EXPECT_EQ(idle_once(), fd_text("TCP client fd %d dropped connection without empty line, ignoring message\n"));
     EXPECT_EQ(result, -1);
     EXPECT_EQ(client.sock_fd, -1);
@@ -228,8 +193,7 @@ TEST_F(TCPTriggerClientTest, PeerClosingAfterTheFirstLineLeavesTheMessageUnhandl
 TEST_F(TCPTriggerClientTest, PeerClosingInTheMiddleOfALineIsReported)
 {
     send_text(peer, "TRIGGER\nchan");
-    close(peer);
-    peer = -1;
+    close_peer();
     EXPECT_EQ(idle_once(), fd_text("TCP client fd %d dropped connection in the middle of a line, ignoring message\n"));
     EXPECT_EQ(result, -1);
     EXPECT_EQ(client.sock_fd, -1);
@@ -248,8 +212,7 @@ TEST_F(TCPTriggerClientTest, PeerClosingBetweenMessagesIsAnsweredThenClosedSilen
 TEST_F(TCPTriggerClientTest, MessageOfAVanishedPeerIsHandledAndTheReplyFailureCloses)
 {
     send_text(peer, "TRIGGER\n\nmore");
-    close(peer);
-    peer = -1;
+    close_peer();
     EXPECT_EQ(idle_once(), "Message: command='TRIGGER'\nProblem sending reply, dropping connection\n");
     EXPECT_EQ(result, -1);
     EXPECT_EQ(client.sock_fd, -1);

@@ -40,26 +40,8 @@ using Strings = std::vector<std::string>;
 const char* const record_of_trigger = "q9_korvane_xml_events_d: Command received, command 'TRIGGER'";
 
 // A client whose peer is played by the test, and the syslog records made.
-class TriggerDispatchTest : public testing::Test {
+class TriggerDispatchTest : public testing::Test, protected PairedClient {
 protected:
-    void SetUp() override
-    {
-        int ends[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-        client.take_fd(ends[0]);
-        peer = ends[1];
-    }
-    void TearDown() override { close(peer); }
-
-    // Sends `text` from the peer, lets the client read once and returns
-    // what it printed on stderr.
-    std::string feed(const std::string& text)
-    {
-        send_text(peer, text);
-        testing::internal::CaptureStderr();
-        client.idle();
-        return testing::internal::GetCapturedStderr();
-    }
     std::string handle()
     {
         testing::internal::CaptureStderr();
@@ -68,8 +50,6 @@ protected:
     }
 
     SyslogWatch syslog_watch;
-    TCPTriggerClient client;
-    int peer = -1;
 };
 
 TEST_F(TriggerDispatchTest, PairsAreListedInNameOrderNotInOrderOfArrival)
@@ -140,31 +120,25 @@ Strings starts()
 
 // A trigger client fed by the test, the daemon's command server, and the
 // local programs and media-item service that each test sets up.
-class TriggerActionsTest : public ServiceTest {
+class TriggerActionsTest : public ServiceTest, protected PairedClient {
 protected:
     void SetUp() override
     {
         ServiceTest::SetUp();
         start_calls.clear();
-        int ends[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
-        client.take_fd(ends[0]);
-        peer = ends[1];
     }
     void TearDown() override
     {
-        close(peer);
         start_calls.clear();
         ServiceTest::TearDown();
     }
 
     // Sends `text` from the peer, lets the client read once and returns
     // the replies.  Only the trigger's own sends are watched from here on.
-    std::string feed(const std::string& text)
+    std::string trigger(const std::string& text)
     {
         reset_library_calls();
-        send_text(peer, text);
-        client.idle();
+        feed(text);
         return receive_available(peer);
     }
     static void listen_to_all(LocalClient& listener)
@@ -176,9 +150,6 @@ protected:
         for (const char* name : names)
             media_persistence[name];
     }
-
-    TCPTriggerClient client;
-    int peer = -1;
 };
 
 TEST_F(TriggerActionsTest, TriggerWithoutPairsStartsEveryItemAndNotifiesWithoutPairs)
@@ -187,7 +158,7 @@ TEST_F(TriggerActionsTest, TriggerWithoutPairsStartsEveryItemAndNotifiesWithoutP
     LocalClient listener;
     listen_to_all(listener);
     add_items({"b", "a"});
-    EXPECT_EQ(feed("TRIGGER\n\n"), "OK\n\n");
+    EXPECT_EQ(trigger("TRIGGER\n\n"), "OK\n\n");
     EXPECT_EQ(media.requests(2), (Strings{"start a", "start b"}));
     auto notification = listener.receive();
     ASSERT_TRUE(notification);
@@ -203,7 +174,7 @@ TEST_F(TriggerActionsTest, ItemsStartBeforeAnyLocalProgramHearsOfTheTrigger)
     listen_to_all(first);
     listen_to_all(second);
     add_items({"a", "b"});
-    EXPECT_EQ(feed("ONE LINE TRIGGER\n"), "OK\n");
+    EXPECT_EQ(trigger("ONE LINE TRIGGER\n"), "OK\n");
     EXPECT_EQ(starts(), (Strings{"a after 0 notifications", "b after 0 notifications"}));
     EXPECT_EQ(library_calls.sends.size(), 2u);
 }
@@ -212,7 +183,7 @@ TEST_F(TriggerActionsTest, OneLineTriggerNotifiesWithItsLineAsCommand)
 {
     LocalClient listener;
     listen_to_all(listener);
-    feed("ONE LINE TRIGGER\n");
+    trigger("ONE LINE TRIGGER\n");
     auto notification = listener.receive();
     ASSERT_TRUE(notification);
     EXPECT_EQ(notification->arguments, Strings{"ONE LINE TRIGGER"});
@@ -223,7 +194,7 @@ TEST_F(TriggerActionsTest, PairsTravelOnInNameOrder)
 {
     LocalClient listener;
     listen_to_all(listener);
-    feed("TRIGGER\nz=1\na=2\na=3\n\n");
+    trigger("TRIGGER\nz=1\na=2\na=3\n\n");
     auto notification = listener.receive();
     ASSERT_TRUE(notification);
     EXPECT_EQ(notification->pairs, (Pairs{{"a", "2\n3"}, {"z", "1"}}));
@@ -235,7 +206,7 @@ TEST_F(TriggerActionsTest, CommandInOtherCaseOrWithTrailingBlanksStartsAndNotifi
     LocalClient listener;
     listen_to_all(listener);
     add_items({"a"});
-    EXPECT_EQ(feed("trigger\n\nTRIGGER \n\nTRIGGER\n\n"), "OK\n\nOK\n\nOK\n\n");
+    EXPECT_EQ(trigger("trigger\n\nTRIGGER \n\nTRIGGER\n\n"), "OK\n\nOK\n\nOK\n\n");
     // Only the last message acts: one start, one notification.
     EXPECT_EQ(starts(), Strings{"a after 0 notifications"});
     EXPECT_EQ(media.requests(1), Strings{"start a"});
@@ -248,7 +219,7 @@ TEST_F(TriggerActionsTest, WithoutItemsATriggerStartsNothingAndStillNotifies)
 {
     LocalClient listener;
     listen_to_all(listener);
-    EXPECT_EQ(feed("TRIGGER\n\n"), "OK\n\n");
+    EXPECT_EQ(trigger("TRIGGER\n\n"), "OK\n\n");
     EXPECT_TRUE(starts().empty());
     auto notification = listener.receive();
     ASSERT_TRUE(notification);
@@ -259,7 +230,7 @@ TEST_F(TriggerActionsTest, WithoutLocalProgramsATriggerStillStartsTheItems)
 {
     MediaItemService media;
     add_items({"a"});
-    EXPECT_EQ(feed("TRIGGER\n\n"), "OK\n\n");
+    EXPECT_EQ(trigger("TRIGGER\n\n"), "OK\n\n");
     EXPECT_EQ(media.requests(1), Strings{"start a"});
     EXPECT_TRUE(library_calls.sends.empty());
 }
@@ -270,7 +241,7 @@ TEST_F(TriggerActionsTest, ItemsThatCannotStartKeepNothingElseFromHappening)
     LocalClient listener;
     listen_to_all(listener);
     add_items({"a", "b"});
-    EXPECT_EQ(feed("TRIGGER\n\n"), "OK\n\n");
+    EXPECT_EQ(trigger("TRIGGER\n\n"), "OK\n\n");
     EXPECT_EQ(starts(), (Strings{"a after 0 notifications", "b after 0 notifications"}));
     EXPECT_TRUE(listener.receive());
 }

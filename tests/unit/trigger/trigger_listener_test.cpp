@@ -28,11 +28,11 @@ sockaddr_in loopback_port(int port)
     return address;
 }
 
-int local_port(int fd, bool peer)
+int port_of(int fd, bool remote)
 {
     sockaddr_in address{};
     socklen_t length = sizeof(address);
-    if (peer)
+    if (remote)
         getpeername(fd, reinterpret_cast<sockaddr*>(&address), &length);
     else
         getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
@@ -103,7 +103,7 @@ protected:
     static int daemon_fd_of(int peer)
     {
         for (const auto& entry : tcp_clients)
-            if (local_port(entry.first, true) == local_port(peer, false))
+            if (port_of(entry.first, true) == port_of(peer, false))
                 return entry.first;
         return -1;
     }

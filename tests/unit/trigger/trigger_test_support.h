@@ -2,6 +2,8 @@
 // sandbox's syslog file.
 #pragma once
 
+#include "trigger/tcp_trigger_client.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,6 +16,7 @@
 #include <sys/socket.h>
 #include <syslog.h>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace trigger_test {
@@ -65,6 +68,47 @@ inline int pending_bytes(int fd)
     ioctl(fd, FIONREAD, &count);
     return count;
 }
+
+/// A trigger client on one end of a connected pair of stream sockets; the
+/// test plays the peer on the other end.
+class PairedClient {
+public:
+    PairedClient()
+    {
+        int ends[2];
+        EXPECT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, ends), 0);
+        client.take_fd(ends[0]);
+        fd = ends[0];
+        peer = ends[1];
+    }
+    ~PairedClient() { close_peer(); }
+
+    /// Sends `text` from the peer, lets the client read once and returns
+    /// what it printed on stderr.
+    std::string feed(const std::string& text)
+    {
+        send_text(peer, text);
+        return idle_once();
+    }
+    /// Lets the client read once; what it printed on stderr.
+    std::string idle_once()
+    {
+        testing::internal::CaptureStderr();
+        result = client.idle();
+        return testing::internal::GetCapturedStderr();
+    }
+    void close_peer()
+    {
+        if (peer >= 0)
+            close(peer);
+        peer = -1;
+    }
+
+    TCPTriggerClient client;
+    int fd = -1;      ///< the client's end, as taken
+    int peer = -1;    ///< the test's end
+    int result = 99;  ///< what the last idle_once() returned
+};
 
 /// Follows the sandbox's syslog file from the moment it is made.  Records
 /// of earlier tests may still be on their way to the file then, so the
