@@ -14,7 +14,8 @@ uint64_t monotonic_clock_us()
 {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec) / 1000u;
+    return static_cast<uint64_t>(now.tv_sec) * 1000000u +
+           static_cast<uint64_t>(now.tv_nsec) / 1000u;
 }
 
 int fd_non_block(int fd)
@@ -27,7 +28,8 @@ int fd_non_block(int fd)
 
 void util_check_and_unmask_common_signals()
 {
-    static const int common[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2, SIGALRM, SIGCHLD};
+    static const int common[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGTERM,
+                                 SIGUSR1, SIGUSR2, SIGALRM, SIGCHLD};
     sigset_t set;
     sigemptyset(&set);
     for (int signo : common) {
@@ -66,16 +68,18 @@ std::vector<int> open_descriptors()
 
 void fd_debug_dump_open_files(FILE* out)
 {
-    std::vector<int> fds = open_descriptors();
-    for (int fd : fds) {
+    size_t printed = 0;
+    for (int fd : open_descriptors()) {
         char link[32];
         char target[4096];
         snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+        // A descriptor closed since the listing has no link any more.
         ssize_t length = readlink(link, target, sizeof(target) - 1);
         if (length < 0)
             continue;
         target[length] = '\0';
         fprintf(out, "fd %d -> %s\n", fd, target);
+        ++printed;
     }
-    fprintf(out, "%zu open file descriptors\n", fds.size());
+    fprintf(out, "%zu open file descriptors\n", printed);
 }
