@@ -8,6 +8,7 @@
 #include <cinttypes>
 #include <cstring>
 #include <fcntl.h>
+#include <ios>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -128,6 +129,11 @@ bool load_configuration()
     try {
         root = cpptoml::parse_file(configuration_path);
     } catch (const cpptoml::parse_exception& error) {
+        fprintf(stderr, "%s: TOML parse error: %s\n", path, error.what());
+        return false;
+    } catch (const std::ios_base::failure& error) {
+        // The parser's stream throws on a read error (a failing disk, or a
+        // directory put at the path after the check above).
         fprintf(stderr, "%s: TOML parse error: %s\n", path, error.what());
         return false;
     }

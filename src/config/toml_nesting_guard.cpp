@@ -34,6 +34,11 @@ bool starts_with(const char* p, const char* end, const char* word)
     return static_cast<size_t>(end - p) >= length && memcmp(p, word, length) == 0;
 }
 
+bool is_inf_or_nan(const char* p, const char* end)
+{
+    return starts_with(p, end, "inf") || starts_with(p, end, "nan");
+}
+
 bool is_time_char(char c) { return is_digit(c) || c == ':' || c == '.'; }
 
 bool is_date_char(char c)
@@ -71,7 +76,7 @@ const char* number_end(const char* p, const char* end)
 {
     while (p != end && is_number_char(*p))
         ++p;
-    if (p != end && p + 1 != end && p + 2 != end && (starts_with(p, end, "inf") || starts_with(p, end, "nan")))
+    if (is_inf_or_nan(p, end))
         p += 3;
     return p;
 }
@@ -153,7 +158,8 @@ private:
     void start_line(const char* start)
     {
         p_ = line_start_ = start;
-        const void* newline = start == end_ ? nullptr : memchr(start, '\n', static_cast<size_t>(end_ - start));
+        size_t rest = static_cast<size_t>(end_ - start);
+        const void* newline = rest == 0 ? nullptr : memchr(start, '\n', rest);
         line_break_ = newline ? static_cast<const char*>(newline) : end_;
         eol_ = line_break_;
         if (newline && eol_ != start && eol_[-1] == '\r')
@@ -348,19 +354,26 @@ private:
             frames_.pop_back();
             return Step::after_value;
         }
-        const char* kind_end = p_;
-        while (kind_end != eol_ && *kind_end != ',' && *kind_end != ']' && *kind_end != '#')
-            ++kind_end;
-        Scalar ignored;
         if (*p_ == '[')
             frame.kind = Kind::array_of_arrays;
         else if (*p_ == '{')
             frame.kind = Kind::array_of_tables;
-        else if (*p_ == '"' || *p_ == '\'' || scalar_kind(kind_end, &ignored))
+        else if (*p_ == '"' || *p_ == '\'' || first_element_is_scalar())
             frame.kind = Kind::value_array;
         else
             return reject();
         return Step::array_element;
+    }
+
+    // The parser judges the first element of an array by its text up to the
+    // first ',', ']' or '#'.
+    bool first_element_is_scalar()
+    {
+        const char* kind_end = p_;
+        while (kind_end != eol_ && *kind_end != ',' && *kind_end != ']' && *kind_end != '#')
+            ++kind_end;
+        Scalar ignored;
+        return scalar_kind(kind_end, &ignored);
     }
 
     Step array_element()
@@ -522,8 +535,7 @@ private:
             *kind = Scalar::time;
         else if (is_date(p_, kind_end))
             *kind = Scalar::date;
-        else if (is_digit(c) || c == '-' || c == '+' || starts_with(p_, kind_end, "inf") ||
-                 starts_with(p_, kind_end, "nan")) {
+        else if (is_digit(c) || c == '-' || c == '+' || is_inf_or_nan(p_, kind_end)) {
             const char* sign_end = p_ + (c == '-' || c == '+');
             if (sign_end == kind_end)
                 return false;
@@ -637,7 +649,7 @@ private:
         sign();
         if (!no_leading_zero())
             return false;
-        if (p != end && p + 1 != end && p + 2 != end && (starts_with(p, end, "inf") || starts_with(p, end, "nan"))) {
+        if (is_inf_or_nan(p, end)) {
             p_ = p + 3;
             return true;
         }

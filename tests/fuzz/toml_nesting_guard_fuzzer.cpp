@@ -73,7 +73,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
         root = parser.parse();
     } catch (const cpptoml::parse_exception& error) {
         if (nesting.rejected_line != 0 && exception_line(text, error.what()) > nesting.rejected_line) {
-            fprintf(stderr, "parser gave up at %s, scan predicted line %zu\n", error.what(), nesting.rejected_line);
+            fprintf(stderr, "parser gave up at %s, scan predicted line %zu\n", error.what(),
+                    nesting.rejected_line);
             abort();
         }
         return 0;

@@ -24,11 +24,14 @@ using testing::AnyOf;
 using testing::Eq;
 
 constexpr const char* path = "/etc/q9_korvane_xml_events_d.toml";
+constexpr const char* unterminated_header =
+    "Unterminated table declaration; did you forget a ']'? at line 1\n";
 
 int count_of(const std::string& haystack, const std::string& needle)
 {
     int count = 0;
-    for (size_t at = haystack.find(needle); at != std::string::npos; at = haystack.find(needle, at + needle.size()))
+    for (size_t at = haystack.find(needle); at != std::string::npos;
+         at = haystack.find(needle, at + needle.size()))
         ++count;
     return count;
 }
@@ -101,7 +104,8 @@ TEST_F(Configuration, ExampleFileYieldsTwoSectionsAndTheirReports)
           section("[[channel]]", "\"/srv/events/sport\"", "\"/srv/assets/sport\"", "2"));
     ASSERT_TRUE(load());
     std::string news = added("channel-news", "/srv/events/news", "/srv/assets/news", "1");
-    std::string sport = "table array\n" + added("channelitem0", "/srv/events/sport", "/srv/assets/sport", "2");
+    std::string sport =
+        "table array\n" + added("channelitem0", "/srv/events/sport", "/srv/assets/sport", "2");
     EXPECT_THAT(err, AnyOf(Eq(news + sport), Eq(sport + news)));
     ASSERT_EQ(configuration.size(), 2u);
     const ConfigurationEntry& entry = configuration.at("channel-news");
@@ -134,7 +138,8 @@ TEST_F(Configuration, EmptyFileIsAnEmptyDocument)
 TEST_F(Configuration, OnlyRootTablesBeginningWithChannAreSections)
 {
     write(section("[chan1]", "\"/w\"", "\"/a\"", "1") + section("[Channel1]", "\"/w\"", "\"/a\"", "1") +
-          section("[channXYZ]", "\"/w\"", "\"/a\"", "3") + section("[other.channel1]", "\"/w\"", "\"/a\"", "1"));
+          section("[channXYZ]", "\"/w\"", "\"/a\"", "3") +
+          section("[other.channel1]", "\"/w\"", "\"/a\"", "1"));
     ASSERT_TRUE(load());
     EXPECT_EQ(err, added("channXYZ", "/w", "/a", "3"));
     ASSERT_EQ(configuration.size(), 1u);
@@ -158,7 +163,8 @@ TEST_F(Configuration, TableNamedChannelIsOneSection)
 
 TEST_F(Configuration, ArrayOfChannelTablesIsNamedByPosition)
 {
-    write(section("[[channel]]", "\"/w0\"", "\"/a0\"", "1") + section("[[channel]]", "\"/w1\"", "\"/a1\"", "2") +
+    write(section("[[channel]]", "\"/w0\"", "\"/a0\"", "1") +
+          section("[[channel]]", "\"/w1\"", "\"/a1\"", "2") +
           section("[[channel]]", "\"/w2\"", "\"/a2\"", "3"));
     ASSERT_TRUE(load());
     EXPECT_EQ(err, "table array\n" + added("channelitem0", "/w0", "/a0", "1") +
@@ -178,7 +184,8 @@ TEST_F(Configuration, SkippedArrayElementStillUsesUpItsPosition)
 
 TEST_F(Configuration, RootTableAndArrayElementClashOverOneName)
 {
-    write(section("[channelitem1]", "\"/root\"", "\"/a\"", "9") + section("[[channel]]", "\"/w0\"", "\"/a\"", "1") +
+    write(section("[channelitem1]", "\"/root\"", "\"/a\"", "9") +
+          section("[[channel]]", "\"/w0\"", "\"/a\"", "1") +
           section("[[channel]]", "\"/w1\"", "\"/a\"", "2"));
     ASSERT_TRUE(load());
     EXPECT_EQ(count_of(err, "Warning: Duplicate section 'channelitem1'\n"), 1);
@@ -216,8 +223,10 @@ TEST_F(Configuration, InvalidSectionDoesNotBlockALaterOneOfTheSameName)
 
 TEST_F(Configuration, TargetChannelMustBeAPositiveInteger)
 {
-    write(section("[channel-zero]", "\"/w\"", "\"/a\"", "0") + section("[channel-neg]", "\"/w\"", "\"/a\"", "-3") +
-          section("[channel-str]", "\"/w\"", "\"/a\"", "\"3\"") + section("[channel-flt]", "\"/w\"", "\"/a\"", "3.0") +
+    write(section("[channel-zero]", "\"/w\"", "\"/a\"", "0") +
+          section("[channel-neg]", "\"/w\"", "\"/a\"", "-3") +
+          section("[channel-str]", "\"/w\"", "\"/a\"", "\"3\"") +
+          section("[channel-flt]", "\"/w\"", "\"/a\"", "3.0") +
           section("[channel-bool]", "\"/w\"", "\"/a\"", "true"));
     ASSERT_TRUE(load());
     EXPECT_TRUE(configuration.empty());
@@ -291,8 +300,7 @@ TEST_F(Configuration, MalformedFileReportsTheParserText)
 {
     write("[channel1\n");
     EXPECT_FALSE(load());
-    EXPECT_EQ(err, std::string(path) +
-                       ": TOML parse error: Unterminated table declaration; did you forget a ']'? at line 1\n");
+    EXPECT_EQ(err, std::string(path) + ": TOML parse error: " + unterminated_header);
 }
 
 TEST_F(Configuration, UnopenableFileReportsTheParserText)
@@ -349,6 +357,14 @@ TEST_F(Configuration, DanglingSymbolicLinkReportsTheParserText)
     EXPECT_EQ(err, std::string(path) + ": TOML parse error: " + path + " could not be opened for parsing\n");
 }
 
+TEST_F(Configuration, ReadErrorIsRefusedWithTheSystemText)
+{
+    // Reading the process's own memory from address 0 fails every time.
+    configuration_path = "/proc/self/mem";
+    EXPECT_FALSE(load());
+    EXPECT_EQ(err, "/proc/self/mem: TOML parse error: cannot be read: Input/output error\n");
+}
+
 TEST_F(Configuration, OversizedFileIsRefused)
 {
     write(section("[channel1]", "\"/w\"", "\"/a\"", "1") + "# " + std::string(1 << 20, 'x') + "\n");
@@ -403,8 +419,7 @@ TEST_F(Configuration, ParserErrorBeforeDeepTextKeepsTheParserText)
 {
     write("[channel1\nx = " + std::string(20000, '[') + "\n");
     EXPECT_FALSE(load());
-    EXPECT_EQ(err, std::string(path) +
-                       ": TOML parse error: Unterminated table declaration; did you forget a ']'? at line 1\n");
+    EXPECT_EQ(err, std::string(path) + ": TOML parse error: " + unterminated_header);
 }
 
 TEST_F(Configuration, ReloadSurvivesAFifoAtThePath)
@@ -417,7 +432,8 @@ TEST_F(Configuration, ReloadSurvivesAFifoAtThePath)
     err = testing::internal::GetCapturedStderr();
     alarm(0);
     EXPECT_EQ(err, std::string("Reloading config, SIGHUP\n") + path +
-                       ": TOML parse error: not a regular file but a FIFO\nWarning: Configuration load failure\n");
+                       ": TOML parse error: not a regular file but a FIFO\n"
+                       "Warning: Configuration load failure\n");
     EXPECT_TRUE(configuration.empty());
 }
 
@@ -438,7 +454,8 @@ TEST_F(Configuration, BundledExampleConfigurationLoadsTwoSections)
     configuration_path = Q9_EXAMPLE_CONFIG;
     ASSERT_TRUE(load()) << err;
     std::string news = added("channel-news", "/srv/events/news", "/srv/assets/news", "1");
-    std::string sport = "table array\n" + added("channelitem0", "/srv/events/sport", "/srv/assets/sport", "2");
+    std::string sport =
+        "table array\n" + added("channelitem0", "/srv/events/sport", "/srv/assets/sport", "2");
     EXPECT_THAT(err, AnyOf(Eq(news + sport), Eq(sport + news)));
     EXPECT_EQ(configuration.size(), 2u);
 }

@@ -17,7 +17,10 @@ std::string repeat(const std::string& piece, int times)
 }
 
 std::string arrays(int depth) { return "x = " + repeat("[", depth) + repeat("]", depth) + "\n"; }
-std::string inline_tables(int depth) { return "x = " + repeat("{a=", depth) + "1" + repeat("}", depth) + "\n"; }
+std::string inline_tables(int depth)
+{
+    return "x = " + repeat("{a=", depth) + "1" + repeat("}", depth) + "\n";
+}
 std::string header(int parts) { return "[a" + repeat(".a", parts - 1) + "]\n"; }
 std::string dotted_key(int parts) { return "a" + repeat(".a", parts - 1) + " = 1\n"; }
 
@@ -100,8 +103,11 @@ TEST(TomlNestingScan, BracketsInStringsDoNotCount)
 TEST(TomlNestingScan, BracketsInMultiLineStringsDoNotCount)
 {
     std::string brackets = repeat("[", 300);
-    TomlNesting found = scan("a = \"\"\"\n" + brackets + "\\\n  \" \\\"\"\" " + brackets + "\n\"\"\"\nb = '''" +
-                             brackets + "\n" + brackets + "'''\n");
+    // A backslash at the end of a line continues the string; an escaped
+    // quote does not end it.
+    std::string basic = "a = \"\"\"\n" + brackets + "\\\n  \" \\\"\"\" " + brackets + "\n\"\"\"\n";
+    std::string literal = "b = '''" + brackets + "\n" + brackets + "'''\n";
+    TomlNesting found = scan(basic + literal);
     EXPECT_EQ(found.deepest, 0);
     EXPECT_EQ(found.rejected_line, 0u);
 }
