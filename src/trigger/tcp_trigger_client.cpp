@@ -1,14 +1,192 @@
-// Placeholder until the trigger line protocol lands.
 #include "trigger/tcp_trigger_client.h"
 
+#include <cassert>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <sys/socket.h>
 #include <unistd.h>
 
+namespace {
+
+constexpr int read_budget = 256;       // bytes one idle() call may read
+constexpr size_t longest_line = 1023;  // characters a line may hold
+constexpr int reply_tries = 10;
+constexpr useconds_t reply_pause_us = 10000;
+
+int close_connection(TCPTriggerClient& client)
+{
+    close(client.sock_fd);
+    client.sock_fd = -1;
+    return -1;
+}
+
+int open_or_closed(const TCPTriggerClient& client)
+{
+    return client.sock_fd < 0 ? -1 : 0;
+}
+
+void reset_message(TCPTriggerClient& client)
+{
+    client.command.clear();
+    client.nv_pairs.clear();
+    client.line_pos = 0;
+    client.line_count = 0;
+}
+
+void complete_message(TCPTriggerClient& client, int one_line)
+{
+    client.handle_message();
+    client.send_reply(one_line);
+    reset_message(client);
+}
+
+// A line without "=" carries nothing, yet it still counts as a line of the
+// message.  Repeated names gather their values, one per line.
+void add_pair(TCPTriggerClient& client, const std::string& text)
+{
+    size_t equals = text.find('=');
+    if (equals == std::string::npos)
+        return;
+    std::string& value = client.nv_pairs[text.substr(0, equals)];
+    if (!value.empty())
+        value += '\n';
+    value += text.substr(equals + 1);
+}
+
+// Called for every LF, once `line` holds its NUL.
+void finish_line(TCPTriggerClient& client)
+{
+    if (client.line_pos == 0) {
+        // Blank lines between messages are harmless: only a started
+        // message is ended by one.
+        if (client.line_count > 0)
+            complete_message(client, 0);
+        return;
+    }
+    std::string text(client.line, client.line_pos);
+    if (client.line_count == 0)
+        client.command = text;
+    else
+        add_pair(client, text);
+    client.line_pos = 0;
+    ++client.line_count;
+    if (client.command == "ONE LINE TRIGGER")
+        complete_message(client, 1);
+}
+
+// Stores or drops one byte other than LF.  Leading blanks and control bytes
+// never start a line; inside a line only control bytes vanish, so CR LF line
+// ends work.  False when a character does not fit into the line.
+bool take_byte(TCPTriggerClient& client, unsigned char byte)
+{
+    if (client.line_pos == 0) {
+        if (byte >= 0x21 && byte <= 0x7e)
+            client.line[client.line_pos++] = static_cast<char>(byte);
+        return true;
+    }
+    if (byte < 0x20)
+        return true;
+    if (client.line_pos > longest_line)
+        return false;
+    client.line[client.line_pos++] = static_cast<char>(byte);
+    return true;
+}
+
+// After the last receive of a call came back empty.  An interrupted receive
+// is not retried: it ends the connection like any other receive error.
+int end_of_input(TCPTriggerClient& client, ssize_t received)
+{
+    if (received < 0 && errno == EAGAIN)
+        return 0;
+    if (received < 0)
+        fprintf(stderr, "TCP client fd %d unexpected error %s\n", client.sock_fd, strerror(errno));
+    else if (client.line_pos > 0)
+        fprintf(stderr, "TCP client fd %d dropped connection in the middle of a line, ignoring message\n",
+                client.sock_fd);
+    else if (!client.command.empty())
+        fprintf(stderr, "TCP client fd %d dropped connection without empty line, ignoring message\n",
+                client.sock_fd);
+    return close_connection(client);
+}
+
+// The failure text of a reply, or null once it went out whole.  A peer that
+// does not read gets ten tries 10 ms apart, so one reply holds up the
+// daemon's single thread for at most 90 ms.  The rest of a partly sent reply
+// is never sent: the connection is dropped instead.
+const char* reply_failure(int fd, const char* reply, size_t length)
+{
+    for (int attempt = 1;; ++attempt) {
+        ssize_t sent = send(fd, reply, length, MSG_DONTWAIT | MSG_NOSIGNAL);
+        if (sent == static_cast<ssize_t>(length))
+            return nullptr;
+        if (sent == 0)
+            return "TCP/IP connection dropped while sending reply\n";
+        if (sent > 0)
+            return "Unable to send full reply, dropping connection\n";
+        if (errno != EAGAIN)
+            return "Problem sending reply, dropping connection\n";
+        if (attempt == reply_tries)
+            return "Ran out of patience trying to send reply, dropping connection\n";
+        usleep(reply_pause_us);
+    }
+}
+
+}  // namespace
+
 TCPTriggerClient::TCPTriggerClient() : line{} {}
+
 TCPTriggerClient::~TCPTriggerClient()
 {
     if (sock_fd >= 0)
-        close(sock_fd);
+        close_connection(*this);
 }
-void TCPTriggerClient::take_fd(int fd) { sock_fd = fd; }
-int TCPTriggerClient::idle() { return sock_fd < 0 ? -1 : 0; }
-void TCPTriggerClient::send_reply(int) {}
+
+void TCPTriggerClient::take_fd(int fd)
+{
+    assert(sock_fd < 0);
+    sock_fd = fd;
+}
+
+int TCPTriggerClient::idle()
+{
+    if (sock_fd < 0)
+        return -1;
+    // A line that reached 1024 characters is never read again: the
+    // connection stays open and unanswered, keeping its place in
+    // tcp_clients until shutdown.  That is why the too-long branch of
+    // take_byte() is not reached; it stays as the guard of the buffer.
+    if (line_pos > longest_line)
+        return 0;
+    ssize_t received = 0;
+    for (int count = 1; count <= read_budget; ++count) {
+        // One byte per receive: reading stops exactly at the byte that ends
+        // the budget or the line, the rest stays in the kernel.
+        unsigned char byte = 0;
+        received = recv(sock_fd, &byte, 1, MSG_DONTWAIT);
+        if (received <= 0)
+            break;
+        if (byte == '\n') {
+            assert(line_pos < sizeof(line));
+            line[line_pos] = '\0';
+            finish_line(*this);
+        } else if (!take_byte(*this, byte)) {
+            fprintf(stderr, "TCP client fd %d protocol violation, text line too long\n", sock_fd);
+            return close_connection(*this);
+        }
+        if (count == read_budget || line_pos > longest_line || sock_fd < 0)
+            return open_or_closed(*this);
+    }
+    return end_of_input(*this, received);
+}
+
+void TCPTriggerClient::send_reply(int one_line)
+{
+    if (sock_fd < 0)
+        return;
+    const char* reply = one_line == 1 ? "OK\n" : "OK\n\n";
+    if (const char* failure = reply_failure(sock_fd, reply, strlen(reply))) {
+        fputs(failure, stderr);
+        close_connection(*this);
+    }
+}

@@ -1,5 +1,50 @@
-// Placeholder until trigger dispatch lands.
 #include "trigger/trigger_dispatch.h"
 
-void TCPTriggerClient::handle_message() {}
-void do_trigger(const TCPTriggerClient&) {}
+#include "q9mi.h"
+#include "service/client_notification.h"
+#include "service/command_server.h"
+
+#include <cstdio>
+#include <syslog.h>
+
+namespace {
+
+bool is_trigger(const std::string& command)
+{
+    return command == "TRIGGER" || command == "ONE LINE TRIGGER";
+}
+
+void print_message(const TCPTriggerClient& client)
+{
+    fprintf(stderr, "Message: command='%s'\n", client.command.c_str());
+    for (const auto& [name, value] : client.nv_pairs)
+        fprintf(stderr, "  '%s' = '%s'\n", name.c_str(), value.c_str());
+}
+
+}  // namespace
+
+void TCPTriggerClient::handle_message()
+{
+    if (!command.empty()) {
+        print_message(*this);
+        syslog(LOG_DAEMON | LOG_INFO, "Command received, command '%s'\n", command.c_str());
+        // Media items start before any local client hears of the trigger,
+        // so a notified client finds them already asked to run.  Neither the
+        // pairs nor the configured events narrow a trigger: it starts all.
+        if (is_trigger(command)) {
+            start_persistent_media();
+            notify_clients(*this);
+        }
+    }
+    command.clear();
+    nv_pairs.clear();
+}
+
+void do_trigger(const TCPTriggerClient& client)
+{
+    // A media item that does not start must not keep the others or the
+    // notification from happening, so the results are not looked at.
+    for (const auto& item : media_persistence)
+        q9mi_start_item(item.first.c_str());
+    notify_clients(client);
+}

@@ -1,7 +1,118 @@
-// Placeholder until the trigger listener lands: it opens nothing.
 #include "trigger/trigger_listener.h"
 
-int tcp_trigger_open() { return 0; }
-void tcp_trigger_close() {}
-void service_all_tcp_clients() {}
-void drop_all_tcp_clients() {}
+#include "appliance_util.h"
+
+#include <cassert>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int listen_backlog = 4;
+constexpr size_t most_clients = 4;
+
+void set_reuse_option(int option, const char* name)
+{
+    int on = 1;
+    if (setsockopt(tcp_trigger_fd, SOL_SOCKET, option, &on, sizeof(on)) != 0)
+        fprintf(stderr, "Failed to set %s, %s\n", name, strerror(errno));
+}
+
+int fail_listener(const char* what)
+{
+    fprintf(stderr, "%s, %s\n", what, strerror(errno));
+    tcp_trigger_close();
+    return -1;
+}
+
+int bind_to_port()
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    address.sin_port = htons(static_cast<uint16_t>(tcp_trigger_port & 0xffff));
+    return bind(tcp_trigger_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+}
+
+// The peer's address is not kept anywhere, hence the length of 0.
+int accept_pending()
+{
+    sockaddr_in address{};
+    socklen_t length = 0;
+    return accept(tcp_trigger_fd, reinterpret_cast<sockaddr*>(&address), &length);
+}
+
+// The key printed is the one fixed at accept time: a closed client's own
+// sock_fd is -1 by now.
+void sweep_closed_clients()
+{
+    for (auto it = tcp_clients.begin(); it != tcp_clients.end();) {
+        auto current = it++;
+        if (current->second.sock_fd < 0) {
+            fprintf(stderr, "Dropping TCP client fd %d\n", current->first);
+            tcp_clients.erase(current);
+        }
+    }
+}
+
+}  // namespace
+
+int tcp_trigger_open()
+{
+    if (tcp_trigger_fd >= 0)
+        return 0;
+    tcp_trigger_fd = socket(AF_INET, SOCK_STREAM, 0);
+    if (tcp_trigger_fd < 0) {
+        fprintf(stderr, "Cannot create socket, %s\n", strerror(errno));
+        return -1;
+    }
+    // Both reuse options let a restarted daemon bind at once; without them
+    // it still works, so a failure is only reported.
+    set_reuse_option(SO_REUSEADDR, "SO_REUSEADDR");
+    set_reuse_option(SO_REUSEPORT, "SO_REUSEPORT");
+    if (bind_to_port() != 0)
+        return fail_listener("Cannot bind socket");
+    if (listen(tcp_trigger_fd, listen_backlog) != 0)
+        return fail_listener("Cannot make socket listen");
+    // Its result is not looked at: on the socket just made it cannot fail.
+    fd_non_block(tcp_trigger_fd);
+    return 0;
+}
+
+void tcp_trigger_close()
+{
+    if (tcp_trigger_fd >= 0) {
+        close(tcp_trigger_fd);
+        tcp_trigger_fd = -1;
+    }
+}
+
+void service_all_tcp_clients()
+{
+    // idle()'s result is not needed: a closed client has set its sock_fd to
+    // -1, which is what the sweep looks at.
+    for (auto& entry : tcp_clients)
+        entry.second.idle();
+    // Sweeping before accepting refills a place freed in this very step.
+    sweep_closed_clients();
+    // Accepted sockets stay blocking: every receive and send on them asks
+    // for non-blocking by itself.  Further callers wait in the listen queue.
+    while (tcp_clients.size() < most_clients) {
+        int fd = accept_pending();
+        if (fd < 0)
+            return;
+        assert(tcp_clients.find(fd) == tcp_clients.end());
+        fprintf(stderr, "Accepted TCP client fd %d\n", fd);
+        tcp_clients[fd].take_fd(fd);
+    }
+}
+
+void drop_all_tcp_clients()
+{
+    while (!tcp_clients.empty())
+        tcp_clients.erase(tcp_clients.begin());
+}
