@@ -68,6 +68,9 @@ public:
     bool wait_until_running(std::chrono::milliseconds limit = default_wait) const;
     /// Sends a signal.
     void signal(int signo) const;
+    /// Sends a signal and waits until the process has taken it, so that a
+    /// next one of the same kind is not merged with it.
+    bool deliver(int signo) const;
     /// Waits for the process to end: its exit status, or 128 + the signal
     /// that ended it, or -1 when it still runs at the deadline.
     int wait_exit(std::chrono::milliseconds limit = default_wait);
