@@ -91,14 +91,13 @@ bool send_all(int fd, const std::string& bytes, uint64_t deadline, std::string* 
     return true;
 }
 
-// Reads no more than the acknowledgement's length, so nothing of a later
-// answer is taken.
+// Reads as many bytes as the acknowledgement has, so that a wrong answer is
+// shown whole and nothing of a later answer is taken.
 int receive_acknowledgement(int fd, const std::string& expected, uint64_t deadline,
                             std::string* error)
 {
     std::string received;
-    while (received.size() < expected.size() &&
-           expected.compare(0, received.size(), received) == 0) {
+    while (received.size() < expected.size()) {
         char buffer[16];
         size_t want = std::min(sizeof buffer, expected.size() - received.size());
         ssize_t n = recv(fd, buffer, want, 0);
