@@ -66,16 +66,18 @@ std::vector<int> open_descriptors()
 
 void fd_debug_dump_open_files(FILE* out)
 {
-    std::vector<int> fds = open_descriptors();
-    for (int fd : fds) {
+    size_t printed = 0;
+    for (int fd : open_descriptors()) {
         char link[32];
         char target[4096];
         snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+        // A descriptor closed since the listing has no link any more.
         ssize_t length = readlink(link, target, sizeof(target) - 1);
         if (length < 0)
             continue;
         target[length] = '\0';
         fprintf(out, "fd %d -> %s\n", fd, target);
+        ++printed;
     }
-    fprintf(out, "%zu open file descriptors\n", fds.size());
+    fprintf(out, "%zu open file descriptors\n", printed);
 }
