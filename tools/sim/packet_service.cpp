@@ -80,8 +80,8 @@ bool PacketService::serve()
         return false;
     while (comm_socket_v4_accept_connection(sock_)) {
     }
-    while (comm_socket_v4_client* gone = comm_socket_v4_get_disconnected_client(sock_))
-        comm_socket_v4_free_client(gone);
+    // Requests go first: the media-item library hangs up right after its
+    // request, and freeing a peer drops what it sent.
     comm_socket_v4_client* client = nullptr;
     while (comm_socket_v4_packet* request = comm_socket_v4_server_get_packet(sock_, &client)) {
         log_(request);
@@ -90,6 +90,8 @@ bool PacketService::serve()
         comm_socket_v4_packet_release(request);
         client = nullptr;
     }
+    while (comm_socket_v4_client* gone = comm_socket_v4_get_disconnected_client(sock_))
+        comm_socket_v4_free_client(gone);
     return true;
 }
 
