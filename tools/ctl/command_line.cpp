@@ -68,7 +68,7 @@ const char* const kListenHelp =
 
 const char* const kTriggerHelp =
     "Usage: q9_korvane_xml_events_ctl trigger [--host H] [--port P] [--one-line]\n"
-    "                                 [COMMAND [NAME=VALUE ...]]\n"
+    "                                         [COMMAND [NAME=VALUE ...]]\n"
     "\n"
     "Sends one trigger message over TCP and waits for its acknowledgement.\n"
     "The message is COMMAND (default TRIGGER), one line per NAME=VALUE and an\n"
