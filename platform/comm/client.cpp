@@ -84,7 +84,8 @@ bool client_read(comm_socket_v4* sock)
         ReadResult result = read_frame(sock->fd, client.input, &frame);
         if (result == ReadResult::AGAIN)
             return true;
-        comm_socket_v4_packet* packet = result == ReadResult::FRAME ? packet_from_frame(frame) : nullptr;
+        comm_socket_v4_packet* packet =
+            result == ReadResult::FRAME ? packet_from_frame(frame) : nullptr;
         if (packet == nullptr)
             return false;
         client.received.push_back(packet);

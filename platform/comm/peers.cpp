@@ -76,7 +76,8 @@ bool accept_peers(comm_socket_v4* sock)
         if (fd < 0)
             return errno == EAGAIN || errno == EWOULDBLOCK || errno == EMFILE || errno == ENFILE ||
                    errno == ENOBUFS || errno == ENOMEM;
-        auto* peer = new (std::nothrow) comm_socket_v4_client{sock, lowest_free_index(sock->clients), fd, {}, {}};
+        auto* peer = new (std::nothrow)
+            comm_socket_v4_client{sock, lowest_free_index(sock->clients), fd, {}, {}};
         if (peer == nullptr) {
             close(fd);
             return true;
@@ -93,7 +94,8 @@ void peer_read(comm_socket_v4_client* peer)
         ReadResult result = read_frame(peer->fd, peer->input, &frame);
         if (result == ReadResult::AGAIN)
             return;
-        comm_socket_v4_packet* packet = result == ReadResult::FRAME ? packet_from_frame(frame) : nullptr;
+        comm_socket_v4_packet* packet =
+            result == ReadResult::FRAME ? packet_from_frame(frame) : nullptr;
         if (packet == nullptr) {
             peer_disconnect(peer);
             return;

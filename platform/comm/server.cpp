@@ -16,8 +16,9 @@ bool socket_file_is_stale(const sockaddr_un& address)
     int probe = unix_stream_socket();
     if (probe < 0)
         return false;
-    bool refused = connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 &&
-                   errno == ECONNREFUSED;
+    bool refused =
+        connect(probe, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 &&
+        errno == ECONNREFUSED;
     close(probe);
     return refused;
 }

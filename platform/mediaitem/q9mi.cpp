@@ -24,8 +24,9 @@ bool deliver_at_once(const unsigned char* frame)
     if (fd < 0)
         return false;
     size_t length = frame_length(frame);
-    bool delivered = connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
-                     send(fd, frame, length, MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(length);
+    bool delivered =
+        connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0 &&
+        send(fd, frame, length, MSG_NOSIGNAL | MSG_DONTWAIT) == static_cast<ssize_t>(length);
     close(fd);
     return delivered;
 }

@@ -14,7 +14,8 @@ uint64_t monotonic_clock_us()
 {
     timespec now{};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000u + static_cast<uint64_t>(now.tv_nsec) / 1000u;
+    return static_cast<uint64_t>(now.tv_sec) * 1000000u +
+           static_cast<uint64_t>(now.tv_nsec) / 1000u;
 }
 
 int fd_non_block(int fd)
@@ -27,7 +28,8 @@ int fd_non_block(int fd)
 
 void util_check_and_unmask_common_signals()
 {
-    static const int common[] = {SIGHUP, SIGINT, SIGQUIT, SIGTERM, SIGUSR1, SIGUSR2, SIGALRM, SIGCHLD};
+    static const int common[] = {SIGHUP,  SIGINT,  SIGQUIT, SIGTERM,
+                                 SIGUSR1, SIGUSR2, SIGALRM, SIGCHLD};
     sigset_t set;
     sigemptyset(&set);
     for (int signo : common) {

@@ -1,11 +1,146 @@
-// Placeholder until channel discovery lands: no channel is ever known.
 #include "rendermgr/channels.h"
 
-void known_channels_update() {}
-void connect_manage() {}
-void connect_idle() {}
-RenderManagerConnection* rendermgr_get_channel(int) { return nullptr; }
-RenderManagerConnection* rendermgr_get_or_create_channel(int) { return nullptr; }
-void rendermgr_drop_channel(int) {}
-void rendermgr_drop_unknown_channels() {}
-void free_all() {}
+#include "appliance_util.h"
+
+#include <algorithm>
+#include <cassert>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <dirent.h>
+#include <new>
+
+namespace {
+
+constexpr unsigned long connect_timeout_us = 5000000;
+constexpr unsigned long connect_retry_us = 10000;
+
+bool contains(const std::vector<int>& channels, int channel)
+{
+    return std::find(channels.begin(), channels.end(), channel) != channels.end();
+}
+
+// The number of a directory entry "channelN", or 0 for any other name.
+// Whatever follows the digits is ignored and the entry's type is not looked
+// at, so "channel3x" and a plain file "channel01" both count.
+int channel_of_entry(const char* name)
+{
+    if (name[0] == '.' || strncmp(name, "channel", 7) != 0)
+        return 0;
+    if (name[7] < '0' || name[7] > '9')
+        return 0;
+    // Only the low 32 bits of the number count; an overflowing one ends up
+    // below 1 or as some other channel, as it always has.
+    return static_cast<int>(strtol(name + 7, nullptr, 10));
+}
+
+// Starts a connection attempt on a record without an endpoint.  A failed
+// attempt keeps its endpoint: the next poll ends it, so that the next
+// refresh, not this one, tries again.
+void start_connection(RenderManagerConnection* connection)
+{
+    connection->sock = comm_socket_v4_create();
+    if (connection->sock == nullptr)
+        return;
+    comm_socket_v4_set_connect_timeout(connection->sock, connect_timeout_us);
+    comm_socket_v4_set_connect_timeout_routine(connection->sock, connect_retry_us);
+    if (comm_socket_v4_connect_to(connection->sock, connection->socket_path.c_str()) < 0) {
+        fprintf(stderr, "Channel %d: failed to connect to %s\n", connection->channel,
+                connection->socket_path.c_str());
+        return;
+    }
+    // No line end: the poll that sees the connection come up completes the
+    // line with "connection open".
+    fprintf(stderr, "Channel %d: opening connection", connection->channel);
+}
+
+}  // namespace
+
+void known_channels_update()
+{
+    known_channels_last_update = monotonic_clock_us();
+    known_channels.clear();
+    DIR* dir = opendir(rendermgr_root);
+    if (dir == nullptr)
+        return;
+    while (const dirent* entry = readdir(dir)) {
+        int channel = channel_of_entry(entry->d_name);
+        if (channel >= 1)
+            known_channels.push_back(channel);
+    }
+    closedir(dir);
+}
+
+void connect_manage()
+{
+    rendermgr_drop_unknown_channels();
+    for (int channel : known_channels) {
+        if (!sel_channels.empty() && !contains(sel_channels, channel)) {
+            rendermgr_drop_channel(channel);
+            continue;
+        }
+        RenderManagerConnection* connection = rendermgr_get_or_create_channel(channel);
+        if (connection == nullptr || connection->sock != nullptr || connection->socket_path.empty())
+            continue;
+        start_connection(connection);
+    }
+}
+
+void connect_idle()
+{
+    for (auto i = rendermgr_conn.begin(); i != rendermgr_conn.end(); ++i) {
+        assert(i->second != __null);
+        i->second->idle();
+    }
+}
+
+RenderManagerConnection* rendermgr_get_channel(int channel)
+{
+    if (channel < 1)
+        return nullptr;
+    auto i = rendermgr_conn.find(channel);
+    return i == rendermgr_conn.end() ? nullptr : i->second;
+}
+
+RenderManagerConnection* rendermgr_get_or_create_channel(int channel)
+{
+    if (RenderManagerConnection* connection = rendermgr_get_channel(channel))
+        return connection;
+    auto* connection = new (std::nothrow) RenderManagerConnection(channel);
+    if (connection == nullptr)
+        return nullptr;
+    rendermgr_conn[channel] = connection;
+    return connection;
+}
+
+void rendermgr_drop_channel(int channel)
+{
+    auto i = rendermgr_conn.find(channel);
+    if (i == rendermgr_conn.end())
+        return;
+    delete i->second;
+    rendermgr_conn.erase(i);
+}
+
+void rendermgr_drop_unknown_channels()
+{
+    // Each step looks the position up afresh after the channel, since the
+    // drop may have removed the entry the walk stood on.
+    for (auto i = rendermgr_conn.begin(); i != rendermgr_conn.end();) {
+        int channel = i->first;
+        if (!contains(known_channels, channel)) {
+            fprintf(stderr, "Rendermgr channel %d is no longer known\n", channel);
+            rendermgr_drop_channel(channel);
+        }
+        i = rendermgr_conn.upper_bound(channel);
+    }
+}
+
+void free_all()
+{
+    while (!rendermgr_conn.empty()) {
+        auto first = rendermgr_conn.begin();
+        delete first->second;
+        rendermgr_conn.erase(first);
+    }
+}

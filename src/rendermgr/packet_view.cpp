@@ -57,7 +57,8 @@ size_t packet_argument_count(const comm_socket_v4_packet* packet)
 const char* packet_argument(const comm_socket_v4_packet* packet, size_t index)
 {
     assert(index < packet_argument_count(packet));
-    return string_at(packet, field<uint32_t>(packet, ARGUMENT_TABLE_AT) + ARGUMENT_ENTRY_SIZE * index);
+    return string_at(packet,
+                     field<uint32_t>(packet, ARGUMENT_TABLE_AT) + ARGUMENT_ENTRY_SIZE * index);
 }
 
 size_t packet_nv_pair_count(const comm_socket_v4_packet* packet)

@@ -50,9 +50,12 @@ struct comm_socket_v4_packet {
 /// A fresh endpoint with no socket (`fd` negative), or null.
 comm_socket_v4* comm_socket_v4_create();
 /// Frees the endpoint and everything it owns (sockets, peers, queued
-/// packets).  Always returns null, for the owner to store back.
+/// packets); a server removes its socket file if that is still the one it
+/// bound.  Always returns null, for the owner to store back.
 comm_socket_v4* comm_socket_v4_destroy(comm_socket_v4* sock);
-/// Shuts a client connection; the handle stays allocated.
+/// Shuts a client connection; the handle stays allocated.  On a server it
+/// closes the listening socket (removing its file) and reports every peer
+/// as disconnected.
 void comm_socket_v4_close(comm_socket_v4* sock);
 /// Upper bound in microseconds for one connection attempt.
 void comm_socket_v4_set_connect_timeout(comm_socket_v4* sock, unsigned long usec);
@@ -61,7 +64,8 @@ void comm_socket_v4_set_connect_timeout(comm_socket_v4* sock, unsigned long usec
 void comm_socket_v4_set_connect_timeout_routine(comm_socket_v4* sock, unsigned long usec);
 /// Starts a non-blocking connect to the stream socket at `path`.  Returns 0
 /// with `established` or `connect_pending` set; -1 with `fd` negative on
-/// failure.
+/// failure.  An endpoint that already has a socket is refused with -1 and
+/// left as it is.
 int comm_socket_v4_connect_to(comm_socket_v4* sock, const char* path);
 /// All pending non-blocking work of the endpoint.  Client: completes a
 /// pending connect, reads and queues packets, flushes output; returns -1
@@ -72,15 +76,18 @@ int comm_socket_v4_connect_to(comm_socket_v4* sock, const char* path);
 int comm_socket_v4_idle(comm_socket_v4* sock);
 /// Listens at `path` (mode 0666), replacing a stale socket file that nobody
 /// answers on.  Non-zero when a live server answers there, when something
-/// other than a socket stands at the path, or on any socket error.
+/// other than a socket stands at the path (it is left alone), when the
+/// endpoint is already in use, or on any socket error.
 int comm_socket_v4_create_server(comm_socket_v4* sock, const char* path);
 
 // Client side --------------------------------------------------------------
 
 /// The next packet received from the server, owned by the caller, or null.
 comm_socket_v4_packet* comm_socket_v4_client_get_packet_from_server(comm_socket_v4* sock);
-/// Writes the finished packet, or keeps it for the next idle.  Returns the
-/// frame length, or 0 or less on failure.  The caller keeps the packet.
+/// Writes the finished packet, or keeps its frame for the next idle (32 MiB
+/// of kept output at most).  Returns the frame length; 0 when the kept
+/// output is full (the frame is dropped); -1 when the connection is gone or
+/// the packet is not finished.  The caller keeps the packet.
 int comm_socket_v4_packet_send_to_server(comm_socket_v4* sock, comm_socket_v4_packet* packet);
 
 // Server side --------------------------------------------------------------

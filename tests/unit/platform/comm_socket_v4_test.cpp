@@ -53,7 +53,8 @@ TEST_F(EndpointTest, ReplyReachesClientWithEveryField)
     comm_socket_v4_client* peer = nullptr;
     comm_socket_v4* client = connect_client(&peer);
     comm_socket_v4_packet* notify = packet_of(NOTIFY, 0x02, 0xfedcba9876543210u, 101);
-    EXPECT_EQ(static_cast<int>(frame_length(notify->data)), comm_socket_v4_packet_send_to_client(peer, notify));
+    EXPECT_EQ(static_cast<int>(frame_length(notify->data)),
+              comm_socket_v4_packet_send_to_client(peer, notify));
     comm_socket_v4_packet* received = next_from_server(client);
     EXPECT_EQ(NOTIFY, read_message(received->data));
     EXPECT_EQ(0x02, received->flags);

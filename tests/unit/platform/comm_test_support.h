@@ -71,7 +71,9 @@ inline void write_message(comm_socket_v4_packet* packet, const Message& message)
 /// Reads a frame's message back through its table offsets.
 inline Message read_message(const unsigned char* frame)
 {
-    auto text = [frame](size_t at) { return std::string(reinterpret_cast<const char*>(frame) + frame_load<uint32_t>(frame + at)); };
+    auto text = [frame](size_t at) {
+        return std::string(reinterpret_cast<const char*>(frame) + frame_load<uint32_t>(frame + at));
+    };
     Message message{text(FRAME_COMMAND_AT), text(FRAME_STATUS_AT), {}, {}};
     size_t argv = frame_load<uint32_t>(frame + FRAME_ARGV_AT);
     for (size_t i = 0; i < frame_load<uint16_t>(frame + FRAME_ARGC_AT); ++i)
@@ -82,18 +84,47 @@ inline Message read_message(const unsigned char* frame)
     return message;
 }
 
-/// A connected blocking Unix stream socket, or -1.
-inline int raw_connect(const char* path)
+/// The Unix-domain address of `path`.
+inline sockaddr_un address_of(const char* path)
 {
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
     std::strncpy(address.sun_path, path, sizeof(address.sun_path) - 1);
+    return address;
+}
+
+/// A connected blocking Unix stream socket, or -1.  Its reads give up
+/// after 10 s, so that a test fails rather than hangs.
+inline int raw_connect(const char* path)
+{
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    timeval patience{10, 0};
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+    sockaddr_un address = address_of(path);
     if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
         close(fd);
         return -1;
     }
     return fd;
+}
+
+/// A listening socket that the test accepts on by hand, with `backlog`.
+inline int raw_listen(const char* path, int backlog)
+{
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address = address_of(path);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+        listen(fd, backlog) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+/// Polls a client endpoint until its connection is set up.
+inline bool wait_established(comm_socket_v4* client)
+{
+    return wait_until([&] { return comm_socket_v4_idle(client) == 0 && client->established; });
 }
 
 /// The frame of a finished packet as bytes, header stamped as a send would.
@@ -131,7 +162,7 @@ protected:
         comm_socket_v4_client* accepted = accept_peer();
         if (peer != nullptr)
             *peer = accepted;
-        EXPECT_TRUE(wait_until([&] { return comm_socket_v4_idle(client) == 0 && client->established; }));
+        EXPECT_TRUE(wait_established(client));
         return client;
     }
 
