@@ -1,6 +1,217 @@
-// Placeholder until the command server lands.
 #include "service/command_server.h"
 
-int handle_server_socket() { return -1; }
-void start_persistent_media() {}
-void start_persistent_media(const std::string&, const MediaItemPersistence&) {}
+#include "comm_socket_v4.h"
+#include "daemon/process_state.h"
+#include "q9mi.h"
+#include "rendermgr/packet_view.h"
+#include "service/patient_send.h"
+
+#include <cassert>
+#include <cstdio>
+#include <cstring>
+#include <optional>
+
+namespace {
+
+/// The library's index of a peer that has none.
+constexpr unsigned long no_client_index = ~0ul;
+constexpr int64_t result_context_lost = 100;
+constexpr int64_t result_unknown_trigger_string = 101;
+const char* const context_lost_status = "Your client context has been lost (BUG)";
+
+/// The "target" and "triggers" values of a "register" or "unregister".
+struct RegistrationPairs {
+    std::optional<std::string> target;
+    std::optional<std::string> triggers;
+};
+
+void accept_new_clients()
+{
+    while (comm_socket_v4_client* client = comm_socket_v4_accept_connection(server_socket)) {
+        unsigned long index = comm_socket_v4_client_ptr2index(client);
+        if (index != no_client_index)
+            server_socket_clients.emplace(index, CommSocketClient());
+        fputs("* new connection\n", stderr);
+    }
+}
+
+// The client's persistent media item, if it named one, stays: items belong
+// to no client.
+void drop_disconnected_clients()
+{
+    while (comm_socket_v4_client* client = comm_socket_v4_get_disconnected_client(server_socket)) {
+        unsigned long index = comm_socket_v4_client_ptr2index(client);
+        if (index != no_client_index)
+            server_socket_clients.erase(index);
+        fputs("* disconnected client\n", stderr);
+        comm_socket_v4_free_client(client);
+    }
+}
+
+void prepare_reply_header(const comm_socket_v4_packet* request, comm_socket_v4_packet* reply)
+{
+    reply->flags &= ~(COMM_SOCKET_V4_REPLY_WANTED | COMM_SOCKET_V4_MODE_BIT);
+    reply->flags |= request->flags & COMM_SOCKET_V4_MODE_BIT;
+    reply->reference = request->reference;
+    reply->result = 0;
+}
+
+void write_reply(comm_socket_v4_packet* reply, const char* command, const char* status)
+{
+    comm_socket_v4_packet_begin_writing(reply, 0, command, status);
+    comm_socket_v4_packet_write_argv_end(reply);
+    comm_socket_v4_packet_write_end(reply);
+}
+
+RegistrationPairs read_registration_pairs(const comm_socket_v4_packet* request)
+{
+    RegistrationPairs pairs;
+    for (size_t i = 0; i < packet_nv_pair_count(request); ++i) {
+        const char* name = packet_nv_name(request, i);
+        if (strcmp(name, "target") == 0)
+            pairs.target = packet_nv_value(request, i);
+        else if (strcmp(name, "triggers") == 0)
+            pairs.triggers = packet_nv_value(request, i);
+    }
+    return pairs;
+}
+
+void command_test(comm_socket_v4_packet* reply)
+{
+    comm_socket_v4_packet_begin_writing(reply, 0, "test", "OK");
+    comm_socket_v4_packet_write_argv_end(reply);
+    comm_socket_v4_packet_write_nv_pair(reply, "name", "value");
+    comm_socket_v4_packet_write_end(reply);
+}
+
+void command_list_pmi(comm_socket_v4_packet* reply)
+{
+    comm_socket_v4_packet_begin_writing(reply, 0, "list-pmi", "OK");
+    comm_socket_v4_packet_write_argv_end(reply);
+    for (const auto& item : media_persistence)
+        comm_socket_v4_packet_write_nv_pair(reply, "item", item.first.c_str());
+    comm_socket_v4_packet_write_end(reply);
+}
+
+// A bad trigger string is answered by writing the whole reply twice: the
+// second writing starts the message afresh as "OK" but leaves `result` at
+// 101, which is what a client has to look at.  Clients depend on this form.
+void reject_trigger_string(comm_socket_v4_packet* reply, const char* command)
+{
+    reply->result = result_unknown_trigger_string;
+    write_reply(reply, command, "Unknown trigger string");
+}
+
+void command_register(const comm_socket_v4_packet* request, comm_socket_v4_packet* reply,
+                      unsigned long index)
+{
+    auto record = server_socket_clients.find(index);
+    if (record == server_socket_clients.end()) {
+        reply->result = result_context_lost;
+        write_reply(reply, "register", context_lost_status);
+        return;
+    }
+    RegistrationPairs pairs = read_registration_pairs(request);
+    if (pairs.target) {
+        media_persistence.emplace(*pairs.target, MediaItemPersistence());
+        record->second.target = *pairs.target;
+    }
+    if (pairs.triggers) {
+        if (*pairs.triggers == "*")
+            record->second.all_triggers = true;
+        else if (pairs.triggers->empty())
+            record->second.all_triggers = false;
+        else
+            reject_trigger_string(reply, "register");
+    }
+    write_reply(reply, "register", "OK");
+}
+
+// Unlike "register", an empty triggers value leaves the flag alone: only "*"
+// withdraws a client from the notifications.
+void command_unregister(const comm_socket_v4_packet* request, comm_socket_v4_packet* reply,
+                        unsigned long index)
+{
+    auto record = server_socket_clients.find(index);
+    if (record == server_socket_clients.end()) {
+        reply->result = result_context_lost;
+        write_reply(reply, "unregister", context_lost_status);
+        return;
+    }
+    RegistrationPairs pairs = read_registration_pairs(request);
+    if (pairs.target) {
+        media_persistence.erase(*pairs.target);
+        record->second.target.clear();
+    }
+    if (pairs.triggers) {
+        if (*pairs.triggers == "*")
+            record->second.all_triggers = false;
+        else if (!pairs.triggers->empty())
+            reject_trigger_string(reply, "unregister");
+    }
+    write_reply(reply, "unregister", "OK");
+}
+
+void dispatch(comm_socket_v4_packet* request, comm_socket_v4_packet* reply, unsigned long index)
+{
+    const char* command = packet_command_word(request);
+    if (strcmp(command, "test") == 0)
+        command_test(reply);
+    else if (strcmp(command, "register") == 0)
+        command_register(request, reply, index);
+    else if (strcmp(command, "unregister") == 0)
+        command_unregister(request, reply, index);
+    else if (strcmp(command, "list-pmi") == 0)
+        command_list_pmi(reply);
+    else
+        q9mi_default_unknown_command_error_response(request, reply);
+}
+
+// Only a request that asks for a reply is executed at all, so a client
+// cannot change the daemon's state without being told the outcome.
+void serve_request(comm_socket_v4_client* client, comm_socket_v4_packet* request)
+{
+    comm_socket_v4_packet* reply = nullptr;
+    if ((request->flags & COMM_SOCKET_V4_REPLY_WANTED) != 0)
+        reply = comm_socket_v4_packet_create();
+    if (reply != nullptr) {
+        prepare_reply_header(request, reply);
+        dispatch(request, reply, comm_socket_v4_client_ptr2index(client));
+        send_to_client_patiently(client, reply);
+    }
+    comm_socket_v4_packet_release(reply);
+    comm_socket_v4_packet_release(request);
+}
+
+}  // namespace
+
+int handle_server_socket()
+{
+    if (server_socket == nullptr || server_socket->fd < 0)
+        return -1;
+    if (comm_socket_v4_idle(server_socket) != 0)
+        return -1;
+    accept_new_clients();
+    drop_disconnected_clients();
+    for (;;) {
+        comm_socket_v4_client* client = nullptr;
+        comm_socket_v4_packet* request = comm_socket_v4_server_get_packet(server_socket, &client);
+        if (request == nullptr)
+            return 0;
+        assert(client != __null);
+        serve_request(client, request);
+    }
+}
+
+void start_persistent_media()
+{
+    for (const auto& item : media_persistence)
+        start_persistent_media(item.first, item.second);
+}
+
+// The media-item service's answer is not awaited and a missing service is
+// not an error here: a trigger goes on to its notifications regardless.
+void start_persistent_media(const std::string& name, const MediaItemPersistence&)
+{
+    q9mi_start_item(name.c_str());
+}
