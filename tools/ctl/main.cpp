@@ -1,0 +1,146 @@
+// q9_korvane_xml_events_ctl: the operator's client of the daemon.
+#include "ctl/command_line.h"
+#include "ctl/output.h"
+#include "ctl/service_client.h"
+#include "ctl/trigger_client.h"
+
+#include "appliance_util.h"
+#include "rendermgr/packet_view.h"
+
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+namespace {
+
+volatile sig_atomic_t stop_requested = 0;
+
+void request_stop(int)
+{
+    stop_requested = 1;
+}
+
+int fail(int status, const std::string& message)
+{
+    fprintf(stderr, "q9_korvane_xml_events_ctl: %s\n", message.c_str());
+    return status;
+}
+
+int connect_service(ServiceConnection& connection)
+{
+    std::string error;
+    int status = connection.open(service_socket_path, monotonic_clock_us() + kServiceTimeoutUs,
+                                 &error);
+    if (status != CTL_EXIT_OK)
+        fail(status, error);
+    return status;
+}
+
+int run_request(const CtlInvocation& invocation)
+{
+    ServiceConnection connection;
+    int status = connect_service(connection);
+    if (status != CTL_EXIT_OK)
+        return status;
+    PacketPtr reply;
+    std::string error;
+    status = request_reply(connection, service_command_word(invocation.action),
+                           registration_pairs(invocation), &reply, &error);
+    if (status != CTL_EXIT_OK)
+        return fail(status, error);
+    fputs(format_reply(reply.get()).c_str(), stdout);
+    return reply_succeeded(reply.get()) ? CTL_EXIT_OK : CTL_EXIT_FAILED;
+}
+
+// Prints notifications until a stop signal.  The signals stay blocked except
+// while waiting, so a signal cannot slip in between the check of the flag
+// and the wait.
+int listen_for_triggers(ServiceConnection& connection, bool json, const sigset_t* wait_mask)
+{
+    while (!stop_requested) {
+        PacketPtr packet;
+        switch (connection.wait_for_packet(UINT64_MAX, wait_mask, &packet)) {
+        case WaitOutcome::Packet:
+            if (strcmp(packet_command_word(packet.get()), "notify") != 0)
+                break;
+            fputs((json ? format_notification_json(packet.get())
+                        : format_notification_text(packet.get()))
+                      .c_str(),
+                  stdout);
+            fflush(stdout);
+            break;
+        case WaitOutcome::Closed:
+            return fail(CTL_EXIT_FAILED, "the daemon closed the connection");
+        case WaitOutcome::Timeout:
+        case WaitOutcome::Interrupted:
+            break;
+        }
+    }
+    return CTL_EXIT_OK;
+}
+
+int run_listen(const CtlInvocation& invocation)
+{
+    sigset_t stop_signals, wait_mask;
+    sigemptyset(&stop_signals);
+    sigaddset(&stop_signals, SIGINT);
+    sigaddset(&stop_signals, SIGTERM);
+    sigprocmask(SIG_BLOCK, &stop_signals, &wait_mask);
+    sigdelset(&wait_mask, SIGINT);
+    sigdelset(&wait_mask, SIGTERM);
+    signal(SIGINT, request_stop);
+    signal(SIGTERM, request_stop);
+
+    ServiceConnection connection;
+    int status = connect_service(connection);
+    if (status != CTL_EXIT_OK)
+        return status;
+    PacketPtr reply;
+    std::string error;
+    status = request_reply(connection, "register", {{"triggers", "*"}}, &reply, &error);
+    if (status != CTL_EXIT_OK)
+        return fail(status, error);
+    if (!reply_succeeded(reply.get())) {
+        fputs(format_reply(reply.get()).c_str(), stderr);
+        return fail(CTL_EXIT_FAILED, "the daemon refused the registration for triggers");
+    }
+    fprintf(stderr, "q9_korvane_xml_events_ctl: listening for triggers\n");
+    return listen_for_triggers(connection, invocation.json, &wait_mask);
+}
+
+int run_trigger(const CtlInvocation& invocation)
+{
+    std::string error;
+    int status = send_trigger(invocation.host, invocation.port, trigger_message(invocation),
+                              trigger_acknowledgement(invocation), &error);
+    if (status != CTL_EXIT_OK)
+        return fail(status, error);
+    puts("OK");
+    return CTL_EXIT_OK;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    CtlInvocation invocation;
+    std::string text;
+    switch (parse_command_line(std::vector<std::string>(argv + 1, argv + argc), &invocation, &text)) {
+    case ParseOutcome::Help:
+        fputs(text.c_str(), stdout);
+        return CTL_EXIT_OK;
+    case ParseOutcome::UsageError:
+        fputs(text.c_str(), stderr);
+        return CTL_EXIT_USAGE;
+    case ParseOutcome::Run:
+        break;
+    }
+    switch (invocation.action) {
+    case CtlAction::Listen:
+        return run_listen(invocation);
+    case CtlAction::Trigger:
+        return run_trigger(invocation);
+    default:
+        return run_request(invocation);
+    }
+}
