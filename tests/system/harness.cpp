@@ -275,6 +275,16 @@ std::string TcpPeer::receive(size_t count, std::chrono::milliseconds limit)
     return received;
 }
 
+std::string TcpPeer::available()
+{
+    std::string received;
+    char buffer[4096];
+    ssize_t length;
+    while ((length = recv(fd_, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0)
+        received.append(buffer, static_cast<size_t>(length));
+    return received;
+}
+
 bool TcpPeer::wait_closed(std::chrono::milliseconds limit)
 {
     return wait_until(
@@ -324,12 +334,22 @@ bool ServiceClient::send(const std::string& command,
                          const std::vector<std::pair<std::string, std::string>>& pairs,
                          bool reply_wanted, uint64_t reference)
 {
+    uint8_t flags = COMM_SOCKET_V4_MODE_BIT | (reply_wanted ? COMM_SOCKET_V4_REPLY_WANTED : 0);
+    return send_packet(flags, reference, command, {}, pairs);
+}
+
+bool ServiceClient::send_packet(uint8_t flags, uint64_t reference, const std::string& command,
+                                const std::vector<std::string>& arguments,
+                                const std::vector<std::pair<std::string, std::string>>& pairs)
+{
     if (!connected())
         return false;
     comm_socket_v4_packet* packet = comm_socket_v4_packet_create();
-    packet->flags = COMM_SOCKET_V4_MODE_BIT | (reply_wanted ? COMM_SOCKET_V4_REPLY_WANTED : 0);
+    packet->flags = flags;
     packet->reference = reference;
     comm_socket_v4_packet_begin_writing(packet, 0, command.c_str(), "");
+    for (const std::string& argument : arguments)
+        comm_socket_v4_packet_write_argv(packet, argument.c_str());
     comm_socket_v4_packet_write_argv_end(packet);
     for (const auto& pair : pairs)
         comm_socket_v4_packet_write_nv_pair(packet, pair.first.c_str(), pair.second.c_str());
