@@ -6,7 +6,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -44,35 +43,6 @@ bool trigger()
 {
     TcpPeer peer;
     return peer.send("TRIGGER\n\n") && peer.receive(4) == "OK\n\n";
-}
-
-// A connection to the service socket that speaks raw bytes; -1 on failure.
-int raw_service_connection()
-{
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, service_path);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
-        close(fd);
-        return -1;
-    }
-    return fd;
-}
-
-// The frame of a well-made "test" request that wants a reply.
-std::string test_request_frame()
-{
-    comm_socket_v4_packet* request = comm_socket_v4_packet_create();
-    comm_socket_v4_packet_begin_writing(request, 0, "test", "");
-    comm_socket_v4_packet_write_argv_end(request);
-    comm_socket_v4_packet_write_end(request);
-    uint32_t length;
-    memcpy(&length, request->data + 4, sizeof(length));
-    std::string frame(reinterpret_cast<const char*>(request->data), length);
-    comm_socket_v4_packet_release(request);
-    frame[8] = static_cast<char>(kRequestFlags);
-    return frame;
 }
 
 class CommandService : public ::testing::Test {
@@ -325,7 +295,7 @@ TEST_F(CommandService, MalformedFramesDropOnlyTheirOwnClient)
 {
     ServiceClient good;
     ASSERT_EQ(ask(good, "register", {{"target", "x"}, {"triggers", "*"}}).status, "OK");
-    std::string out_of_frame = test_request_frame();
+    std::string out_of_frame = request_frame(kRequestFlags, "test");
     uint32_t far = 100000;
     memcpy(&out_of_frame[28], &far, sizeof(far));
     const std::string frames[] = {std::string("NOPE") + std::string(100, 'j'),
@@ -356,7 +326,7 @@ TEST_F(CommandService, WellFormedRawFrameIsAnsweredAndKeepsItsConnection)
 {
     int fd = raw_service_connection();
     ASSERT_GE(fd, 0);
-    std::string frame = test_request_frame();
+    std::string frame = request_frame(kRequestFlags, "test");
     ASSERT_EQ(send(fd, frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
     char magic[4];
     EXPECT_EQ(recv(fd, magic, sizeof(magic), MSG_WAITALL), 4);

@@ -10,11 +10,13 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -393,6 +395,38 @@ bool ServiceClient::request(Packet& reply, const std::string& command,
                             uint64_t reference)
 {
     return send(command, pairs, true, reference) && receive(reply);
+}
+
+std::string request_frame(uint8_t flags, const std::string& command,
+                          const std::vector<std::pair<std::string, std::string>>& pairs)
+{
+    comm_socket_v4_packet* request = comm_socket_v4_packet_create();
+    comm_socket_v4_packet_begin_writing(request, 0, command.c_str(), "");
+    comm_socket_v4_packet_write_argv_end(request);
+    for (const auto& pair : pairs)
+        comm_socket_v4_packet_write_nv_pair(request, pair.first.c_str(), pair.second.c_str());
+    comm_socket_v4_packet_write_end(request);
+    uint32_t length;
+    memcpy(&length, request->data + 4, sizeof(length));
+    std::string frame(reinterpret_cast<const char*>(request->data), length);
+    comm_socket_v4_packet_release(request);
+    // The header's flags byte; the record's field travels only through the
+    // library's own send.
+    frame[8] = static_cast<char>(flags);
+    return frame;
+}
+
+int raw_service_connection()
+{
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, service_path);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 }  // namespace q9test

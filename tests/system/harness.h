@@ -152,6 +152,13 @@ private:
     comm_socket_v4* sock_ = nullptr;
 };
 
+/// The wire bytes of one request to the command service, for peers that
+/// write raw bytes.
+std::string request_frame(uint8_t flags, const std::string& command,
+                          const std::vector<std::pair<std::string, std::string>>& pairs = {});
+/// A plain blocking stream connection to the command service; -1 on failure.
+int raw_service_connection();
+
 template <typename Condition>
 bool wait_until(Condition condition, std::chrono::milliseconds limit)
 {
