@@ -134,7 +134,8 @@ protected:
     // the request that shows this is logged as "start probe".
     std::unique_ptr<q9tools::ToolProcess> start_simulator()
     {
-        auto simulator = std::make_unique<q9tools::ToolProcess>(Q9_SIM_BINARY, std::vector<std::string>{"mediaitem"});
+        auto simulator =
+            std::make_unique<q9tools::ToolProcess>(Q9_SIM_BINARY, std::vector<std::string>{"mediaitem"});
         EXPECT_TRUE(wait_until([] { return q9mi_start_item("probe") == 0; }));
         return simulator;
     }
@@ -194,26 +195,35 @@ TEST_F(EndToEnd, ItemsAreStartedAndListenersNotifiedBeforeTheAcknowledgement)
     EXPECT_EQ(notification.pairs, (Pairs{{"k", "v"}}));
 }
 
-// Connects a local client that registers for all triggers and then makes
-// itself unable to take anything more: it asks a question whose answer is
-// far larger than its socket holds and never reads.  The daemon hands the
-// answer over in part and keeps the rest, so the next packet for this client
-// waits without end.  The connected socket, or -1.
-int stuck_listener()
+// Reads one whole frame from a blocking stream; false when none came.
+bool read_frame(int fd)
 {
-    int fd = raw_service_connection();
-    const uint8_t request = COMM_SOCKET_V4_REPLY_WANTED | COMM_SOCKET_V4_MODE_BIT;
-    std::string frame = request_frame(request, "register", {{"triggers", "*"}});
     char header[8];
-    if (fd < 0 || send(fd, frame.data(), frame.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(frame.size()) ||
-        recv(fd, header, sizeof(header), MSG_WAITALL) != 8)
-        return -1;
+    if (recv(fd, header, sizeof(header), MSG_WAITALL) != sizeof(header))
+        return false;
     uint32_t length;
     memcpy(&length, header + 4, sizeof(length));
-    std::string rest(length - 8, '\0');
-    recv(fd, &rest[0], rest.size(), MSG_WAITALL);
-    frame = request_frame(request, std::string(1 << 20, 'Q'));
-    send(fd, frame.data(), frame.size(), MSG_NOSIGNAL);
+    std::string rest(length - sizeof(header), '\0');
+    return recv(fd, &rest[0], rest.size(), MSG_WAITALL) == static_cast<ssize_t>(rest.size());
+}
+
+// Connects a local client that registers for all triggers and then makes
+// itself unable to take anything more: it asks a question whose answer (the
+// unknown command word copied back) is far larger than a local socket
+// holds, and never reads.  The daemon hands the answer over in part and
+// keeps the rest, so the next packet for this client waits without end.
+// The connected socket, or -1.
+int stuck_listener()
+{
+    const uint8_t wants_reply = COMM_SOCKET_V4_REPLY_WANTED | COMM_SOCKET_V4_MODE_BIT;
+    std::string registration = request_frame(wants_reply, "register", {{"triggers", "*"}});
+    std::string question = request_frame(wants_reply, std::string(4 << 20, 'Q'));
+    int fd = raw_service_connection();
+    auto send_all = [fd](const std::string& bytes) {
+        return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
+    };
+    if (fd < 0 || !send_all(registration) || !read_frame(fd) || !send_all(question))
+        return -1;
     int queued = 0;
     wait_until([&] { return ioctl(fd, FIONREAD, &queued) == 0 && queued > 0; });
     return queued > 0 ? fd : -1;

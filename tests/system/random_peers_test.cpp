@@ -71,7 +71,7 @@ std::string random_chunk(std::mt19937_64& rng)
     case 6:
         chunk = std::string(commands[pick(4)]) + "\r\n";
         for (size_t i = pick(5); i > 0; --i)
-            chunk += std::string(1, static_cast<char>('a' + pick(6))) + "=" + std::to_string(rng() % 1000) + "\n";
+            chunk += std::string(1, "abcdef"[pick(6)]) + "=" + std::to_string(pick(1000)) + "\n";
         chunk += "\n";
         break;
     default:
