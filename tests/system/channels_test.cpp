@@ -78,19 +78,15 @@ std::unique_ptr<ToolProcess> start_render_managers(const std::vector<int>& chann
     return simulator;
 }
 
-// Ends the simulator in order: it removes its socket files, keeps the
-// directories.
+// Ends the simulator, if there is one, in order: it removes its socket
+// files and keeps the directories.
 void stop_render_managers(std::unique_ptr<ToolProcess>& simulator)
 {
+    if (!simulator)
+        return;
     simulator->signal(SIGTERM);
     EXPECT_EQ(simulator->wait_exit(), 0);
     simulator.reset();
-}
-
-void remove_channel_dirs(const std::vector<int>& channels)
-{
-    for (int channel : channels)
-        EXPECT_EQ(rmdir(channel_dir(channel).c_str()), 0) << channel;
 }
 
 int open_descriptors(pid_t pid)
@@ -240,7 +236,7 @@ TEST_F(Channels, DirectoryRemovedAfterItsRenderManagerEndedIsDropped)
     ASSERT_TRUE(daemon->wait_for_stderr(open_line(5)));
     stop_render_managers(simulator);
     ASSERT_TRUE(daemon->wait_for_stderr("Channel 5: idle returned -1, closing\n"));
-    remove_channel_dirs({5});
+    ASSERT_EQ(rmdir(channel_dir(5).c_str()), 0);
     EXPECT_TRUE(daemon->wait_for_stderr("Rendermgr channel 5 is no longer known\n"));
     // Gone for good: no further attempt for it, and no second drop.
     int attempts = stderr_count("Channel 5: ");
@@ -303,54 +299,71 @@ int churn_rounds()
     return rounds != nullptr ? atoi(rounds) : 10;
 }
 
-// Room for the allocator's pools and the kernel's accounting to move; a
-// leak of one endpoint per channel and round would pass it within a few
-// rounds.
+// Takes the directories of `channels` away.  With `end_first` their render
+// managers end before, so the daemon has closed their connections by then;
+// otherwise the daemon still holds them open when it drops the channels.
+void retire_channels(std::unique_ptr<ToolProcess>& simulator, const std::vector<int>& channels,
+                     bool end_first)
+{
+    if (end_first)
+        stop_render_managers(simulator);
+    for (int channel : channels) {
+        unlink(socket_of(channel).c_str());
+        EXPECT_EQ(rmdir(channel_dir(channel).c_str()), 0) << channel;
+    }
+}
+
+// Room for the allocator's pools and page-sized accounting to move, and far
+// below what keeping each dropped record and endpoint would cost.  Under the
+// address sanitizer freed memory is held back in quarantine, so only a gross
+// leak shows there.
 #if defined(__SANITIZE_ADDRESS__)
 constexpr long rss_growth_bound_kib = 32 * 1024;
 #else
-constexpr long rss_growth_bound_kib = 2 * 1024;
+constexpr long rss_growth_bound_kib = 256;
 #endif
 
 TEST_F(Channels, ChurnOf64ChannelsLeavesNothingBehindAndNeverStallsTriggers)
 {
     const int per_round = 64;
     const int rounds = churn_rounds();
+    ASSERT_GE(rounds, 2) << "the first two rounds warm the daemon up";
     start_daemon();
     TcpPeer trigger;
     ASSERT_TRUE(trigger.send("TRIGGER\n\n"));
     ASSERT_EQ(trigger.receive(4), "OK\n\n");
     const int descriptors = open_descriptors(daemon->pid());
     long resident = 0;
-    std::unique_ptr<ToolProcess> simulator;
+    std::unique_ptr<ToolProcess> current, retired;
     std::vector<int> serving;
     for (int round = 0; round < rounds; ++round) {
-        // Alternate between two sets, so that every refresh drops 64 records
-        // and makes 64 new ones.
-        if (simulator) {
-            stop_render_managers(simulator);
-            remove_channel_dirs(serving);
+        // Two sets take turns, so that a refresh drops 64 records and makes
+        // 64 new ones.
+        if (current) {
+            retire_channels(current, serving, round % 2 == 0);
+            retired = std::move(current);
         }
         serving = channel_range(round % 2 * per_round + 1, per_round);
-        simulator = start_render_managers(serving);
+        current = start_render_managers(serving);
         ASSERT_TRUE(trigger.send("TRIGGER\n\n"));
         ASSERT_EQ(trigger.receive(4), "OK\n\n") << "round " << round;
         ASSERT_TRUE(daemon->wait_for_stderr("connection open\n", per_round * (round + 1), std::chrono::seconds(60)))
             << "round " << round;
         ASSERT_TRUE(daemon->wait_for_stderr("is no longer known\n", per_round * round, std::chrono::seconds(60)))
             << "round " << round;
-        if (round == 0)
+        stop_render_managers(retired);
+        if (round == 1)
             resident = resident_kib(daemon->pid());
     }
-    stop_render_managers(simulator);
-    remove_channel_dirs(serving);
+    retire_channels(current, serving, false);
     ASSERT_TRUE(daemon->wait_for_stderr("is no longer known\n", per_round * rounds, std::chrono::seconds(60)));
     EXPECT_EQ(open_descriptors(daemon->pid()), descriptors);
     long grown = resident_kib(daemon->pid()) - resident;
-    RecordProperty("rss_kib_after_first_round", std::to_string(resident));
+    RecordProperty("rss_kib_after_second_round", std::to_string(resident));
     RecordProperty("rss_growth_kib", std::to_string(grown));
     EXPECT_LE(grown, rss_growth_bound_kib) << "from " << resident << " KiB";
     EXPECT_EQ(stderr_count("connection open\n"), per_round * rounds);
+    stop_render_managers(current);
 }
 
 }  // namespace
