@@ -122,7 +122,7 @@ protected:
 
     int stderr_count(const std::string& text) const { return count_of(daemon->stderr_text(), text); }
 
-    // A channel directory that nobody serves: every refresh after the first
+    // A channel directory that nobody serves: every refresh but the first
     // pass's tries it and says so, which lets a test see refreshes go by.
     void add_refresh_marker() { ASSERT_EQ(mkdir(channel_dir(marker).c_str(), 0755), 0); }
 
@@ -143,8 +143,9 @@ TEST_F(Channels, TwoChannelsPresentAtStartAreOpenedOnce)
     auto simulator = start_render_managers({1, 2});
     start_daemon();
     ASSERT_TRUE(daemon->wait_for_stderr("Channel 2: connection open\n"));
-    // Both attempts are made in the start-up refresh, before any poll, so
-    // both "opening" texts share the line that the first poll completes.
+    // Both attempts are made in the start-up refresh, in the order of the
+    // directory listing and before any poll, so both "opening" texts share
+    // the line that the first poll completes in channel order.
     std::string err = daemon->stderr_text();
     std::string opened = "Channel 1: connection open\nChannel 2: connection open\n";
     bool one_line = err.find("Channel 1: opening connectionChannel 2: opening connection" + opened) !=
@@ -219,10 +220,12 @@ TEST_F(Channels, ChannelRenamedAwayIsDroppedEvenWhileOpen)
     auto simulator = start_render_managers({3});
     start_daemon();
     ASSERT_TRUE(daemon->wait_for_stderr(open_line(3)));
+    int descriptors = open_descriptors(daemon->pid());
     // The render manager keeps serving: only the channel's name is gone.
     ASSERT_EQ(rename(channel_dir(3).c_str(), (std::string(rendermgr_root) + "/old3").c_str()), 0);
     EXPECT_TRUE(daemon->wait_for_stderr("Rendermgr channel 3 is no longer known\n"));
     EXPECT_TRUE(simulator->running());
+    EXPECT_EQ(open_descriptors(daemon->pid()), descriptors - 1);
     std::string err = daemon->stderr_text();
     EXPECT_EQ(count_of(err, "Channel 3: idle returned -1"), 0) << err;
     EXPECT_EQ(count_of(err, "Channel 3: connection closed"), 0) << err;
