@@ -102,6 +102,8 @@ TEST_F(TcpLoad, FourPeersAtTheLimitAreEachAnsweredOncePerMessageInOrderWhileAFif
     for (const std::string& reply : replies)
         EXPECT_TRUE(reply == repeated("OK\n\n", messages_per_peer)) << reply.size() << " bytes";
     EXPECT_EQ(fifth.receive(4, std::chrono::milliseconds(300)), "") << "taken before a place was free";
+    for (auto& peer : peers)
+        EXPECT_EQ(peer->receive(1, std::chrono::milliseconds(100)), "") << "answered more than once";
     peers.clear();
     EXPECT_EQ(fifth.receive(4), "OK\n\n");
 
@@ -163,6 +165,29 @@ TEST_F(TcpLoad, GarbageFromFourPeersIsAnsweredOncePerCompleteMessage)
     peers.clear();
     ASSERT_TRUE(daemon->wait_for_stderr("Dropping TCP client fd ", 1 + flood_peers));
     EXPECT_TRUE(trigger_acknowledged());
+    expect_footprint_kept();
+}
+
+TEST_F(TcpLoad, MessageWithThousandsOfPairsIsHandledWholeAndLeavesNothingBehind)
+{
+    // Bounds: one message of 5,000 name/value lines (about 50 KB, some 20
+    // passes); its pairs are held only until the message is handled.
+    auto listener = std::make_unique<ServiceClient>();
+    Packet notify;
+    ASSERT_TRUE(listener->request(notify, "register", {{"triggers", "*"}}));
+    std::string message = "TRIGGER\n";
+    for (int i = 0; i < 5000; ++i)
+        message += "n" + std::to_string(10000 + i) + "=v\n";
+    TcpPeer peer;
+    ASSERT_TRUE(peer.send(message + "\n"));
+    EXPECT_EQ(peer.receive(4, std::chrono::milliseconds(60000)), "OK\n\n");
+    ASSERT_TRUE(listener->receive(notify));
+    EXPECT_EQ(notify.pairs.size(), 5000u);
+    EXPECT_EQ(notify.pairs.back(), std::make_pair(std::string("n14999"), std::string("v")));
+    EXPECT_EQ(count_of(daemon->stderr_text(), "' = 'v'\n"), 5000);
+    peer.close();
+    listener.reset();
+    ASSERT_TRUE(daemon->wait_for_stderr("* disconnected client\n", 2));
     expect_footprint_kept();
 }
 
