@@ -407,6 +407,22 @@ int stop_daemon(q9test::Daemon& daemon)
     return daemon.wait_exit(std::chrono::milliseconds(60000));
 }
 
+std::unique_ptr<q9test::Daemon> start_probed_daemon(const std::string& probe_path)
+{
+    // The harness's daemon inherits this process's environment.
+    setenv("LD_PRELOAD", pass_probe_library().c_str(), 1);
+    setenv(pass_probe_env, probe_path.c_str(), 1);
+    auto daemon = std::make_unique<q9test::Daemon>();
+    unsetenv("LD_PRELOAD");
+    unsetenv(pass_probe_env);
+    return daemon;
+}
+
+std::string probe_file(const std::string& name)
+{
+    return make_work_dir() + "/" + name + ".probe";
+}
+
 TriggerConnection::TriggerConnection()
 {
     q9test::wait_until([&] {
@@ -466,6 +482,118 @@ uint64_t bytes_in_flight_to_daemon(int client_port)
         bytes += std::stoull(client ? queues.substr(0, colon) : queues.substr(colon + 1), nullptr, 16);
     }
     return bytes;
+}
+
+FullIntake::FullIntake(const std::string& payload, size_t count)
+    : sent_(new std::atomic<uint64_t>[count])
+{
+    // A whole number of payloads, so the stream stays payload after payload
+    // however the sends split it.
+    while (chunk_.size() < 65536)
+        chunk_ += payload;
+    for (size_t i = 0; i < count; ++i) {
+        connections_.push_back(std::make_unique<TriggerConnection>());
+        sent_[i] = 0;
+    }
+    for (size_t i = 0; i < count; ++i)
+        threads_.emplace_back([this, i] { run(i); });
+}
+
+FullIntake::~FullIntake()
+{
+    stop_ = true;
+    for (auto& thread : threads_)
+        thread.join();
+    for (auto& connection : connections_) {
+        linger reset{1, 0};
+        setsockopt(connection->fd(), SOL_SOCKET, SO_LINGER, &reset, sizeof(reset));
+    }
+}
+
+bool FullIntake::connected() const
+{
+    for (const auto& connection : connections_) {
+        if (!connection->connected())
+            return false;
+    }
+    return true;
+}
+
+std::vector<uint64_t> FullIntake::consumed() const
+{
+    std::vector<uint64_t> bytes;
+    for (size_t i = 0; i < connections_.size(); ++i) {
+        uint64_t sent = sent_[i].load();
+        uint64_t in_flight = bytes_in_flight_to_daemon(connections_[i]->local_port());
+        bytes.push_back(sent > in_flight ? sent - in_flight : 0);
+    }
+    return bytes;
+}
+
+void FullIntake::run(size_t index)
+{
+    int fd = connections_[index]->fd();
+    size_t offset = 0;
+    char buffer[65536];
+    while (!stop_ && fd >= 0) {
+        pollfd ready{fd, POLLIN | POLLOUT, 0};
+        if (poll(&ready, 1, 50) <= 0)
+            continue;
+        if (ready.revents & POLLIN) {
+            ssize_t length = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT);
+            if (length == 0)
+                return;
+            if (length > 0)
+                answered_ += static_cast<uint64_t>(length);
+        }
+        if (ready.revents & POLLOUT) {
+            ssize_t length =
+                send(fd, chunk_.data() + offset, chunk_.size() - offset, MSG_DONTWAIT | MSG_NOSIGNAL);
+            if (length > 0) {
+                sent_[index] += static_cast<uint64_t>(length);
+                offset = (offset + static_cast<size_t>(length)) % chunk_.size();
+            }
+        }
+        if (ready.revents & (POLLERR | POLLHUP))
+            return;
+    }
+}
+
+namespace {
+
+// Waits for the next pass border and returns right after it, while the
+// daemon sleeps.
+uint64_t next_pass_border(const ProbeReader& probe)
+{
+    uint64_t passes = probe.passes();
+    q9test::wait_until([&] { return probe.passes() > passes; }, std::chrono::milliseconds(60000));
+    return probe.passes();
+}
+
+}  // namespace
+
+PassWindow measure_passes(const ProbeReader& probe, pid_t pid, uint64_t passes,
+                          const FullIntake* intake)
+{
+    PassWindow window;
+    uint64_t first = next_pass_border(probe);
+    double start = now_us();
+    ProcUsage before = proc_usage(pid);
+    std::vector<uint64_t> consumed_before = intake ? intake->consumed() : std::vector<uint64_t>();
+    probe.wait_passes(first, passes);
+    uint64_t last = probe.passes();
+    double end = now_us();
+    ProcUsage after = proc_usage(pid);
+    std::vector<uint64_t> consumed_after = intake ? intake->consumed() : std::vector<uint64_t>();
+    window.passes = last - first;
+    window.elapsed_us = end - start;
+    window.usage.runtime_ns = after.runtime_ns - before.runtime_ns;
+    window.usage.ticks = after.ticks - before.ticks;
+    window.usage.voluntary_switches = after.voluntary_switches - before.voluntary_switches;
+    window.records = probe.records(first, last);
+    for (size_t i = 0; i < consumed_after.size(); ++i)
+        window.consumed.push_back(consumed_after[i] - consumed_before[i]);
+    return window;
 }
 
 MediaItemService::MediaItemService()

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -126,6 +127,11 @@ void write_minimal_config();
 bool wait_daemon_ready(std::chrono::milliseconds limit = std::chrono::milliseconds(60000));
 /// Stops a harness daemon in order (SIGTERM) and returns its exit status.
 int stop_daemon(q9test::Daemon& daemon);
+/// Starts the daemon (harness) with the pass probe preloaded, writing to the
+/// probe file at `probe_path`.
+std::unique_ptr<q9test::Daemon> start_probed_daemon(const std::string& probe_path);
+/// The path for a probe file in the sandbox.
+std::string probe_file(const std::string& name);
 
 // The daemon's peers --------------------------------------------------------
 
@@ -150,6 +156,49 @@ private:
 /// the daemon: unsent or unacknowledged at the client, and unread at the
 /// daemon, from /proc/net/tcp.
 uint64_t bytes_in_flight_to_daemon(int client_port);
+
+/// Four (or `count`) TCP peers sending `payload` over and over as fast as
+/// the daemon reads, each from its own thread, reading and dropping what the
+/// daemon answers.
+class FullIntake {
+public:
+    FullIntake(const std::string& payload, size_t count = 4);
+    /// Stops the peers and resets their connections, so the daemon does not
+    /// go on reading what is still buffered.
+    ~FullIntake();
+    FullIntake(const FullIntake&) = delete;
+    FullIntake& operator=(const FullIntake&) = delete;
+
+    bool connected() const;
+    size_t size() const { return connections_.size(); }
+    /// Bytes the daemon has read from each connection so far.
+    std::vector<uint64_t> consumed() const;
+    /// Bytes the daemon has sent back on all connections so far.
+    uint64_t answered() const { return answered_.load(); }
+
+private:
+    void run(size_t index);
+
+    std::string chunk_;
+    std::vector<std::unique_ptr<TriggerConnection>> connections_;
+    std::unique_ptr<std::atomic<uint64_t>[]> sent_;
+    std::atomic<uint64_t> answered_{0};
+    std::atomic<bool> stop_{false};
+    std::vector<std::thread> threads_;
+};
+
+/// What happened in the daemon over a whole number of passes.
+struct PassWindow {
+    uint64_t passes = 0;
+    double elapsed_us = 0;
+    ProcUsage usage;                 ///< differences over the window
+    std::vector<PassRecord> records; ///< one per pass, from the probe
+    std::vector<uint64_t> consumed;  ///< bytes read per intake connection
+};
+/// Measures `passes` passes, from one pass border to another: sampled while
+/// the daemon sleeps, when it reads nothing.  `intake` may be null.
+PassWindow measure_passes(const ProbeReader& probe, pid_t pid, uint64_t passes,
+                          const FullIntake* intake = nullptr);
 
 /// The media-item service at its fixed socket: takes every "start" request
 /// the daemon's media-item library sends (one connection each) and records,
