@@ -39,6 +39,7 @@ struct PassStart {
     uint64_t cpu_ns = 0;
     uint64_t wall_ns = 0;
     uint64_t allocations = 0;
+    uint64_t bytes = 0;
     uint64_t receives = 0;
     bool valid = false;
 };
@@ -56,9 +57,10 @@ void bump(uint64_t& counter)
     __atomic_store_n(&counter, counter + 1, __ATOMIC_RELAXED);
 }
 
-void count_allocation()
+void count_allocation(size_t bytes)
 {
     bump(data->allocations);
+    __atomic_store_n(&data->bytes, data->bytes + bytes, __ATOMIC_RELAXED);
 }
 
 __attribute__((constructor)) void map_shared_file()
@@ -91,6 +93,7 @@ void end_pass()
     record.cpu_ns = cpu - pass_start.cpu_ns;
     record.wall_ns = wall - pass_start.wall_ns;
     record.allocations = data->allocations - pass_start.allocations;
+    record.bytes = data->bytes - pass_start.bytes;
     record.receives = data->receives - pass_start.receives;
     record.end_ns = wall;
     __atomic_store_n(&data->passes, data->passes + 1, __ATOMIC_RELEASE);
@@ -99,6 +102,7 @@ void end_pass()
 void begin_pass()
 {
     pass_start.allocations = data->allocations;
+    pass_start.bytes = data->bytes;
     pass_start.receives = data->receives;
     pass_start.wall_ns = clock_ns(CLOCK_MONOTONIC);
     pass_start.cpu_ns = clock_ns(CLOCK_THREAD_CPUTIME_ID);
@@ -131,7 +135,7 @@ ssize_t recv(int fd, void* buffer, size_t length, int flags)
 
 void* malloc(size_t size)
 {
-    count_allocation();
+    count_allocation(size);
     return __libc_malloc(size);
 }
 
@@ -144,31 +148,31 @@ void free(void* pointer)
 
 void* calloc(size_t count, size_t size)
 {
-    count_allocation();
+    count_allocation(count * size);
     return __libc_calloc(count, size);
 }
 
 void* realloc(void* pointer, size_t size)
 {
-    count_allocation();
+    count_allocation(size);
     return __libc_realloc(pointer, size);
 }
 
 void* memalign(size_t alignment, size_t size)
 {
-    count_allocation();
+    count_allocation(size);
     return __libc_memalign(alignment, size);
 }
 
 void* aligned_alloc(size_t alignment, size_t size)
 {
-    count_allocation();
+    count_allocation(size);
     return __libc_memalign(alignment, size);
 }
 
 int posix_memalign(void** pointer, size_t alignment, size_t size)
 {
-    count_allocation();
+    count_allocation(size);
     void* block = __libc_memalign(alignment, size);
     if (block == nullptr)
         return ENOMEM;
@@ -178,7 +182,7 @@ int posix_memalign(void** pointer, size_t alignment, size_t size)
 
 void* valloc(size_t size)
 {
-    count_allocation();
+    count_allocation(size);
     return __libc_memalign(static_cast<size_t>(sysconf(_SC_PAGESIZE)), size);
 }
 

@@ -24,6 +24,7 @@ struct PassRecord {
     uint64_t cpu_ns;       ///< thread CPU time (user and system)
     uint64_t wall_ns;      ///< monotonic time
     uint64_t allocations;  ///< malloc, calloc, realloc, memalign and the like
+    uint64_t bytes;        ///< bytes asked for by those allocations
     uint64_t receives;     ///< recv calls
     uint64_t end_ns;       ///< monotonic time at which the work ended
 };
@@ -33,6 +34,7 @@ struct PassRecord {
 struct PassProbeData {
     uint64_t passes;       ///< records written so far; pass k lives at k % pass_ring_size
     uint64_t allocations;  ///< allocations since the process started
+    uint64_t bytes;        ///< bytes asked for by them
     uint64_t frees;        ///< frees of non-null pointers since the process started
     uint64_t receives;     ///< recv calls since the process started
     PassRecord ring[pass_ring_size];
