@@ -331,9 +331,9 @@ bool ProbeReader::wait_passes(uint64_t since, uint64_t count) const
                               std::chrono::milliseconds(60000 + 1000 * count));
 }
 
-std::string pass_probe_library()
+std::string pass_probe_library(bool passes_only)
 {
-    return Q9_PASS_PROBE_LIBRARY;
+    return passes_only ? Q9_PASS_PROBE_PASSES_ONLY_LIBRARY : Q9_PASS_PROBE_LIBRARY;
 }
 
 ToolDaemon::ToolDaemon(std::vector<std::string> wrapper, std::vector<std::string> environment)

@@ -99,8 +99,9 @@ private:
     const PassProbeData* data_ = nullptr;
 };
 
-/// The path of the pass probe library.
-std::string pass_probe_library();
+/// The path of the pass probe library; `passes_only`: the variant that
+/// leaves the heap functions and recv alone.
+std::string pass_probe_library(bool passes_only = false);
 
 /// A daemon run that the harness does not cover: under a tool such as
 /// valgrind (`wrapper` before the daemon) and with extra environment.

@@ -4,7 +4,8 @@
 // Each workload runs against a fresh daemon under callgrind, which counts
 // only inside the functions that the main loop calls in a pass (collection
 // toggled on entry and off on exit), so the start-up, the sleep and the stop
-// are left out.  The pass probe, preloaded too, counts the passes.  A
+// are left out.  The pass probe, preloaded too in its variant that only
+// marks the passes, counts them.  A
 // workload's figure is its count less the idle passes it spanned, divided by
 // its units of work.  Only user-space instructions are counted: the kernel's
 // work in the system calls is not.
@@ -80,7 +81,7 @@ Count count_instructions(const std::string& name, Workload workload)
                                         "--callgrind-out-file=" + out, "--collect-atstart=no"};
     for (const char* function : pass_functions)
         wrapper.push_back(std::string("--toggle-collect=") + function);
-    ToolDaemon daemon(wrapper, {"LD_PRELOAD=" + pass_probe_library(),
+    ToolDaemon daemon(wrapper, {"LD_PRELOAD=" + pass_probe_library(true),
                                 std::string(pass_probe_env) + "=" + probe_path});
     Count count;
     if (!wait_daemon_ready()) {

@@ -49,9 +49,12 @@ std::vector<std::string> probe_cells(const PassWindow& window)
     Summary c = summarize(cpu);
     Summary w = summarize(wall);
     double passes = static_cast<double>(window.records.size());
+    std::string which = grouped(allocating) + " of " + grouped(window.records.size());
+    if (allocating > 0)
+        which += "; each " + fixed(static_cast<double>(allocations) / allocating, 1) + " allocations, " +
+                 grouped(bytes / allocating) + " B (max " + grouped(most) + ")";
     return {fixed(c.p50, 1), fixed(c.p90, 1), fixed(c.p99, 1), fixed(c.max, 1), fixed(w.p50, 1),
-            fixed(allocations / passes, 2), grouped(static_cast<uint64_t>(bytes / passes)),
-            grouped(allocating) + " of " + grouped(window.records.size()) + " (max " + grouped(most) + ")"};
+            fixed(allocations / passes, 2), grouped(static_cast<uint64_t>(bytes / passes)), which};
 }
 
 std::vector<std::string> kernel_cells(const PassWindow& window, uint64_t passes)
@@ -220,7 +223,16 @@ int main(int argc, char** argv)
             "Loaded: four TCP peers at full intake, " + std::to_string(listeners) +
                 " listening local clients, " + std::to_string(channels) +
                 " render-manager channels (`q9_appliance_sim rendermgr 1..16`). Targets: idle "
-                "under 50 µs and no allocation; loaded under 1 ms.");
+                "under 50 µs and no allocation; loaded under 1 ms.\n\n"
+                "schedstat: the kernel's run time of the process over the window, per pass, the "
+                "sleep's own cost included; utime+stime counts in ticks of " +
+                std::to_string(1000 / ticks_per_second()) +
+                " ms, too coarse for an idle window (0 means below one tick). The probe "
+                "(preloaded) reads the thread's CPU clock at each pass border, so its figures "
+                "leave the sleep out. It also stands in front of malloc, calloc, realloc, "
+                "memalign, aligned_alloc, posix_memalign, valloc and free, through which C++'s "
+                "operator new and the C library's own allocations (opendir, stdio) pass too, "
+                "and counts the allocations between two pass sleeps.");
     table.print();
     system_call_costs();
     return 0;

@@ -259,7 +259,12 @@ int main(int argc, char** argv)
             "Same `TRIGGER` messages as above: time from the TCP send to the `notify` taken from "
             "its socket by the listening local client, and to the `start` request's connection "
             "accepted by the media-item service, in ms; and how long after the notify the "
-            "acknowledgement reached the TCP peer.");
+            "acknowledgement reached the TCP peer. The media-item service is the benchmark's "
+            "own, at the service's socket: it stamps each request's connection as it is "
+            "accepted, where the simulator looks at its connected peers only every 20 ms. "
+            "Listener, service and TCP peers are served by different threads of the benchmark, "
+            "so a thread scheduled late stamps late: on a busy machine a difference may even "
+            "come out negative.");
     Table paths({"path", "triggers", "min", "p50", "p90", "p99", "max", "mean"});
     add_summary_row(paths, "trigger → `start` at the media-item service", reach.to_start);
     add_summary_row(paths, "trigger → `notify` at a listener", reach.to_notify);
