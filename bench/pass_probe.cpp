@@ -55,12 +55,12 @@ uint64_t clock_ns(clockid_t clock)
     return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
 }
 
+#ifndef Q9_PROBE_PASSES_ONLY
 void bump(uint64_t& counter)
 {
     __atomic_store_n(&counter, counter + 1, __ATOMIC_RELAXED);
 }
 
-#ifndef Q9_PROBE_PASSES_ONLY
 void count_allocation(size_t bytes)
 {
     bump(data->allocations);
