@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <memory>
 #include <sstream>
@@ -148,11 +149,10 @@ TEST_F(Channels, TwoChannelsPresentAtStartAreOpenedOnce)
     // the line that the first poll completes in channel order.
     std::string err = daemon->stderr_text();
     std::string opened = "Channel 1: connection open\nChannel 2: connection open\n";
-    bool one_line = err.find("Channel 1: opening connectionChannel 2: opening connection" + opened) !=
-                        std::string::npos ||
-                    err.find("Channel 2: opening connectionChannel 1: opening connection" + opened) !=
-                        std::string::npos;
-    EXPECT_TRUE(one_line) << err;
+    std::string listed_1_2 = "Channel 1: opening connectionChannel 2: opening connection" + opened;
+    std::string listed_2_1 = "Channel 2: opening connectionChannel 1: opening connection" + opened;
+    EXPECT_TRUE(err.find(listed_1_2) != std::string::npos || err.find(listed_2_1) != std::string::npos)
+        << err;
     // The first poll follows the first pass's refresh, which found both
     // endpoints in place and tried nothing.
     EXPECT_EQ(count_of(err, "opening connection"), 2) << err;
@@ -316,10 +316,11 @@ void retire_channels(std::unique_ptr<ToolProcess>& simulator, const std::vector<
     }
 }
 
-// Room for the allocator's pools and page-sized accounting to move, and far
-// below what keeping each dropped record and endpoint would cost.  Under the
-// address sanitizer freed memory is held back in quarantine, so only a gross
-// leak shows there.
+// Room for the allocator's pools and page-sized accounting to move; a few KiB
+// is what the daemon actually grows.  A kept endpoint shows in the descriptor
+// count first; a kept record of a hundred-odd bytes shows here only over
+// more rounds (Q9_CHANNEL_CHURN_ROUNDS).  Under the address sanitizer freed
+// memory is held back in quarantine, so only a gross leak shows there.
 #if defined(__SANITIZE_ADDRESS__)
 constexpr long rss_growth_bound_kib = 32 * 1024;
 #else
@@ -330,6 +331,8 @@ TEST_F(Channels, ChurnOf64ChannelsLeavesNothingBehindAndNeverStallsTriggers)
 {
     const int per_round = 64;
     const int rounds = churn_rounds();
+    // A refresh that comes while a set is half made retries the rest 5 s on.
+    const std::chrono::seconds round_wait{60};
     ASSERT_GE(rounds, 2) << "the first two rounds warm the daemon up";
     start_daemon();
     TcpPeer trigger;
@@ -337,6 +340,7 @@ TEST_F(Channels, ChurnOf64ChannelsLeavesNothingBehindAndNeverStallsTriggers)
     ASSERT_EQ(trigger.receive(4), "OK\n\n");
     const int descriptors = open_descriptors(daemon->pid());
     long resident = 0;
+    Clock::duration slowest{};
     std::unique_ptr<ToolProcess> current, retired;
     std::vector<int> serving;
     for (int round = 0; round < rounds; ++round) {
@@ -348,22 +352,26 @@ TEST_F(Channels, ChurnOf64ChannelsLeavesNothingBehindAndNeverStallsTriggers)
         }
         serving = channel_range(round % 2 * per_round + 1, per_round);
         current = start_render_managers(serving);
+        auto sent = Clock::now();
         ASSERT_TRUE(trigger.send("TRIGGER\n\n"));
         ASSERT_EQ(trigger.receive(4), "OK\n\n") << "round " << round;
-        ASSERT_TRUE(daemon->wait_for_stderr("connection open\n", per_round * (round + 1), std::chrono::seconds(60)))
+        slowest = std::max(slowest, Clock::now() - sent);
+        ASSERT_TRUE(daemon->wait_for_stderr("connection open\n", per_round * (round + 1), round_wait))
             << "round " << round;
-        ASSERT_TRUE(daemon->wait_for_stderr("is no longer known\n", per_round * round, std::chrono::seconds(60)))
+        ASSERT_TRUE(daemon->wait_for_stderr("is no longer known\n", per_round * round, round_wait))
             << "round " << round;
         stop_render_managers(retired);
         if (round == 1)
             resident = resident_kib(daemon->pid());
     }
     retire_channels(current, serving, false);
-    ASSERT_TRUE(daemon->wait_for_stderr("is no longer known\n", per_round * rounds, std::chrono::seconds(60)));
+    ASSERT_TRUE(daemon->wait_for_stderr("is no longer known\n", per_round * rounds, round_wait));
     EXPECT_EQ(open_descriptors(daemon->pid()), descriptors);
     long grown = resident_kib(daemon->pid()) - resident;
     RecordProperty("rss_kib_after_second_round", std::to_string(resident));
     RecordProperty("rss_growth_kib", std::to_string(grown));
+    RecordProperty("slowest_trigger_reply_ms",
+                   std::to_string(std::chrono::duration_cast<std::chrono::milliseconds>(slowest).count()));
     EXPECT_LE(grown, rss_growth_bound_kib) << "from " << resident << " KiB";
     EXPECT_EQ(stderr_count("connection open\n"), per_round * rounds);
     stop_render_managers(current);
