@@ -75,7 +75,7 @@ std::string random_chunk(std::mt19937_64& rng)
         chunk += "\n";
         break;
     default:
-        chunk = pick(1000) == 0 ? std::string(1100, 'L') : "TRIGGER\n\n";
+        chunk = pick(3000) == 0 ? std::string(1100, 'L') : "TRIGGER\n\n";
         break;
     }
     return chunk;
