@@ -7,10 +7,21 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <dirent.h>
+#include <fcntl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 #include <new>
 
 namespace {
+
+// One record of the kernel's directory listing (getdents64).
+struct linux_dirent64 {
+    uint64_t d_ino;
+    int64_t d_off;
+    unsigned short d_reclen;
+    unsigned char d_type;
+    char d_name[];
+};
 
 constexpr unsigned long connect_timeout_us = 5000000;
 constexpr unsigned long connect_retry_us = 10000;
@@ -60,15 +71,25 @@ void known_channels_update()
 {
     known_channels_last_update = monotonic_clock_us();
     known_channels.clear();
-    DIR* dir = opendir(rendermgr_root);
-    if (dir == nullptr)
+    // The listing is read straight from the kernel into a buffer of our own:
+    // opendir() would take a fresh heap block at every refresh, for months.
+    int dir = open(rendermgr_root, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dir < 0)
         return;
-    while (const dirent* entry = readdir(dir)) {
-        int channel = channel_of_entry(entry->d_name);
-        if (channel >= 1)
-            known_channels.push_back(channel);
+    alignas(8) static char listing[8192];
+    for (;;) {
+        long length = syscall(SYS_getdents64, dir, listing, sizeof(listing));
+        if (length <= 0)
+            break;
+        for (long at = 0; at < length;) {
+            const auto* entry = reinterpret_cast<const linux_dirent64*>(listing + at);
+            int channel = channel_of_entry(entry->d_name);
+            if (channel >= 1)
+                known_channels.push_back(channel);
+            at += entry->d_reclen;
+        }
     }
-    closedir(dir);
+    close(dir);
 }
 
 void connect_manage()
