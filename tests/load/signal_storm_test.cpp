@@ -100,7 +100,7 @@ TEST_F(SignalLoad, StopSignalInTheMiddleOfAStreamOfTriggersEndsInOrder)
     daemon->signal(SIGTERM);
     EXPECT_EQ(daemon->wait_exit(), 0);
     EXPECT_NE(access(pid_path, F_OK), 0);
-    EXPECT_EQ(syslog_count("Shutting down"), 1);
+    EXPECT_TRUE(wait_until([] { return syslog_count("Shutting down") == 1; }));
     // No message is answered that was not handled.  Not every answer sent
     // arrives: the daemon closes a connection with unread input, which
     // resets it, and a reset throws away what the peer had not read yet.

@@ -1,0 +1,163 @@
+// Instructions per pass and per unit of work, counted by callgrind: unlike
+// seconds on a shared machine, these repeat from run to run.
+//
+// Each workload runs against a fresh daemon under callgrind, which counts
+// only inside the functions that the main loop calls in a pass (collection
+// toggled on entry and off on exit), so the start-up, the sleep and the stop
+// are left out.  The pass probe, preloaded too in its variant that only
+// marks the passes, counts them.  A
+// workload's figure is its count less the idle passes it spanned, divided by
+// its units of work.  Only user-space instructions are counted: the kernel's
+// work in the system calls is not.
+#include "bench_support.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cstdio>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+using namespace q9bench;
+
+namespace {
+
+constexpr const char* pass_functions[] = {"known_channels_update*", "connect_manage*",
+                                          "reload_if_requested*",   "connect_idle*",
+                                          "handle_server_socket*",  "service_all_tcp_clients*"};
+
+struct Count {
+    uint64_t instructions = 0;
+    uint64_t passes = 0;
+};
+
+uint64_t callgrind_total(const std::string& path)
+{
+    std::ifstream in(path);
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.rfind("totals:", 0) == 0 || line.rfind("summary:", 0) == 0)
+            return std::stoull(line.substr(line.find(':') + 1));
+    }
+    return 0;
+}
+
+// Sends all of `bytes` on a fresh connection and waits for `replies` bytes back.
+void send_and_wait(const std::string& bytes, size_t reply_bytes, TriggerConnection& connection)
+{
+    size_t sent = 0, received = 0;
+    double deadline = now_us() + 120e6;
+    while ((sent < bytes.size() || received < reply_bytes) && now_us() < deadline) {
+        short events = sent < bytes.size() ? POLLIN | POLLOUT : POLLIN;
+        pollfd ready{connection.fd(), events, 0};
+        if (poll(&ready, 1, 100) <= 0)
+            continue;
+        if (ready.revents & POLLOUT) {
+            ssize_t length = send(connection.fd(), bytes.data() + sent, bytes.size() - sent,
+                                  MSG_DONTWAIT | MSG_NOSIGNAL);
+            if (length > 0)
+                sent += static_cast<size_t>(length);
+        }
+        if (ready.revents & POLLIN) {
+            char buffer[65536];
+            ssize_t length = recv(connection.fd(), buffer, sizeof(buffer), MSG_DONTWAIT);
+            if (length <= 0)
+                return;
+            received += static_cast<size_t>(length);
+        }
+    }
+}
+
+// Runs `workload` against a daemon under callgrind.
+template <typename Workload>
+Count count_instructions(const std::string& name, Workload workload)
+{
+    write_minimal_config();
+    std::string out = "/run/q9-bench/callgrind-" + name + ".out";
+    std::string probe_path = probe_file("instructions-" + name);
+    ProbeReader probe(probe_path);
+    std::vector<std::string> wrapper = {"valgrind", "--tool=callgrind", "--quiet",
+                                        "--callgrind-out-file=" + out, "--collect-atstart=no"};
+    for (const char* function : pass_functions)
+        wrapper.push_back(std::string("--toggle-collect=") + function);
+    ToolDaemon daemon(wrapper, {"LD_PRELOAD=" + pass_probe_library(true),
+                                std::string(pass_probe_env) + "=" + probe_path});
+    Count count;
+    if (!wait_daemon_ready()) {
+        fprintf(stderr, "instructions: the daemon did not come up under callgrind\n");
+        return count;
+    }
+    probe.wait_passes(probe.passes(), 2);
+    workload();
+    // The last pass of the work is over once another has begun.
+    probe.wait_passes(probe.passes(), 2);
+    daemon.stop();
+    count.instructions = callgrind_total(out);
+    count.passes = probe.passes();
+    return count;
+}
+
+std::string repeated(const std::string& text, int times)
+{
+    std::string all;
+    for (int i = 0; i < times; ++i)
+        all += text;
+    return all;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    int idle_passes = 20;
+    for (int i = 1; i + 1 < argc; i += 2) {
+        if (strcmp(argv[i], "--idle-passes") == 0)
+            idle_passes = atoi(argv[i + 1]);
+    }
+    Table table({"workload", "passes", "instructions", "per unit", "unit"});
+    Count idle = count_instructions("idle", [&] { sleep_ms(idle_passes * 250.0); });
+    double per_idle_pass = idle.passes ? static_cast<double>(idle.instructions) / idle.passes : 0;
+    table.add({"idle", grouped(idle.passes), grouped(idle.instructions), fixed(per_idle_pass, 0),
+               "pass"});
+    auto add = [&](const std::string& name, const Count& count, double units, const std::string& unit) {
+        double work = count.instructions - per_idle_pass * count.passes;
+        table.add({name, grouped(count.passes), grouped(count.instructions), fixed(work / units, 1),
+                   unit + " (idle passes subtracted)"});
+    };
+
+    const int blank_bytes = 10240;
+    Count blank = count_instructions("blank", [&] {
+        TriggerConnection connection;
+        send_and_wait(std::string(blank_bytes, '\n'), 0, connection);
+        sleep_ms(5 * 250.0);
+    });
+    add("10,240 bytes of blank lines on one connection", blank, blank_bytes, "byte read");
+
+    const int one_line = 1000;
+    Count triggers = count_instructions("one-line", [&] {
+        TriggerConnection connection;
+        send_and_wait(repeated("ONE LINE TRIGGER\n", one_line), 3 * one_line, connection);
+    });
+    add("1,000 `ONE LINE TRIGGER` lines, no local client, no item", triggers, one_line, "trigger");
+
+    const int fanned = 100;
+    MediaItemService media;
+    Count notified = count_instructions("notified", [&] {
+        service_request("register", {{"target", "bench-item"}});
+        ListenerGroup group(64, false);
+        TriggerConnection connection;
+        send_and_wait(repeated("TRIGGER\nseq=1\nsource=bench\n\n", fanned), 4 * fanned, connection);
+        q9test::wait_until([&] { return group.received() >= 64u * fanned; });
+    });
+    add("100 `TRIGGER` messages (2 pairs) to 64 listeners and 1 item, with the 64 "
+        "registrations",
+        notified, fanned, "trigger");
+
+    heading("Instructions (callgrind)",
+            "User-space instructions executed inside the pass's calls (channel refresh, reload "
+            "check, channel poll, command server, TCP service), counted by callgrind; repeatable "
+            "where times are not. The work figures have the idle cost of their passes subtracted.");
+    table.print();
+    return 0;
+}
