@@ -29,10 +29,10 @@ Footprint footprint_of(pid_t pid);
 /// Resident memory the daemon may gain between the two footprints.  Loose
 /// enough for the allocator's caches and stdio buffers, far below what one
 /// leaked record per message, client or reload would add up to.  The
-/// sanitizers' allocator keeps freed blocks in quarantine, so their builds
-/// get more room.
+/// sanitizers' allocator holds more back (shadow memory, a quarantine of
+/// freed blocks), so their builds get more room.
 #ifdef Q9_SANITIZED
-constexpr long resident_slack_kib = 16384;
+constexpr long resident_slack_kib = 8192;
 #else
 constexpr long resident_slack_kib = 1024;
 #endif
