@@ -251,11 +251,13 @@ ProcUsage proc_usage(pid_t pid)
 
 std::pair<long, long> resident_kib(pid_t pid)
 {
-    auto kib = [&](const char* name) {
-        std::string value = status_field(pid, name);
-        return value.empty() ? -1L : std::stol(value);
-    };
-    return {kib("VmRSS"), kib("VmHWM")};
+    return {status_kib(pid, "VmRSS"), status_kib(pid, "VmHWM")};
+}
+
+long status_kib(pid_t pid, const char* field)
+{
+    std::string value = status_field(pid, field);
+    return value.empty() ? -1L : std::stol(value);
 }
 
 int descriptor_count(pid_t pid)

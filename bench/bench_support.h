@@ -73,6 +73,8 @@ struct ProcUsage {
 ProcUsage proc_usage(pid_t pid);
 /// Resident set size in KiB (VmRSS), and the peak (VmHWM).
 std::pair<long, long> resident_kib(pid_t pid);
+/// A KiB field of /proc/PID/status such as "RssAnon", or -1.
+long status_kib(pid_t pid, const char* field);
 /// Number of open descriptors.
 int descriptor_count(pid_t pid);
 /// Clock ticks per second of /proc/PID/stat.

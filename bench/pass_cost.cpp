@@ -51,7 +51,7 @@ std::vector<std::string> probe_cells(const PassWindow& window)
     double passes = static_cast<double>(window.records.size());
     std::string which = grouped(allocating) + " of " + grouped(window.records.size());
     if (allocating > 0)
-        which += "; each " + fixed(static_cast<double>(allocations) / allocating, 1) + " allocations, " +
+        which += "; each " + grouped(allocations / allocating) + " allocations, " +
                  grouped(bytes / allocating) + " B (max " + grouped(most) + ")";
     return {fixed(c.p50, 1), fixed(c.p90, 1), fixed(c.p99, 1), fixed(c.max, 1), fixed(w.p50, 1),
             fixed(allocations / passes, 2), grouped(static_cast<uint64_t>(bytes / passes)), which};
