@@ -342,11 +342,11 @@ ToolDaemon::ToolDaemon(std::vector<std::string> wrapper, std::vector<std::string
 {
     static int runs = 0;
     std::string binary = daemon_copy();
-    stderr_path_ = make_work_dir() + "/tool-daemon-" + std::to_string(++runs) + ".stderr";
+    std::string stderr_path = make_work_dir() + "/tool-daemon-" + std::to_string(++runs) + ".stderr";
     pid_ = fork();
     if (pid_ != 0)
         return;
-    int err = open(stderr_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int err = open(stderr_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     int null = open("/dev/null", O_RDWR);
     dup2(null, 0);
     dup2(null, 1);
@@ -380,11 +380,6 @@ int ToolDaemon::stop(std::chrono::milliseconds limit)
         return -1;
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-std::string ToolDaemon::stderr_text() const
-{
-    return q9test::read_file(stderr_path_);
 }
 
 void write_minimal_config()
@@ -581,11 +576,14 @@ PassWindow measure_passes(const ProbeReader& probe, pid_t pid, uint64_t passes,
     uint64_t first = next_pass_border(probe);
     double start = now_us();
     ProcUsage before = proc_usage(pid);
+    uint64_t allocations_before = probe.allocations(), frees_before = probe.frees();
     std::vector<uint64_t> consumed_before = intake ? intake->consumed() : std::vector<uint64_t>();
     probe.wait_passes(first, passes);
     uint64_t last = probe.passes();
     double end = now_us();
     ProcUsage after = proc_usage(pid);
+    window.allocations = probe.allocations() - allocations_before;
+    window.frees = probe.frees() - frees_before;
     std::vector<uint64_t> consumed_after = intake ? intake->consumed() : std::vector<uint64_t>();
     window.passes = last - first;
     window.elapsed_us = end - start;

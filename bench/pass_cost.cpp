@@ -53,8 +53,10 @@ std::vector<std::string> probe_cells(const PassWindow& window)
     if (allocating > 0)
         which += "; each " + grouped(allocations / allocating) + " allocations, " +
                  grouped(bytes / allocating) + " B (max " + grouped(most) + ")";
+    long long balance = static_cast<long long>(window.allocations) - static_cast<long long>(window.frees);
     return {fixed(c.p50, 1), fixed(c.p90, 1), fixed(c.p99, 1), fixed(c.max, 1), fixed(w.p50, 1),
-            fixed(allocations / passes, 2), grouped(static_cast<uint64_t>(bytes / passes)), which};
+            fixed(allocations / passes, 2), grouped(static_cast<uint64_t>(bytes / passes)), which,
+            std::to_string(balance)};
 }
 
 std::vector<std::string> kernel_cells(const PassWindow& window, uint64_t passes)
@@ -84,7 +86,7 @@ std::vector<std::string> idle_unprobed(const Options& options)
     std::vector<std::string> row = {"idle, without probe"};
     auto kernel = kernel_cells(window, passes);
     row.insert(row.end(), kernel.begin(), kernel.end());
-    row.insert(row.end(), {"-", "-", "-", "-", "-", "-", "-", "-"});
+    row.insert(row.end(), {"-", "-", "-", "-", "-", "-", "-", "-", "-"});
     return row;
 }
 
@@ -197,7 +199,8 @@ int main(int argc, char** argv)
     }
     Table table({"daemon", "passes", "CPU µs/pass (schedstat)", "CPU µs/pass (utime+stime)",
                  "probe CPU p50 µs", "p90", "p99", "max", "work wall p50 µs",
-                 "allocations/pass", "bytes allocated/pass", "passes that allocated"});
+                 "allocations/pass", "bytes allocated/pass", "passes that allocated",
+                 "allocations − frees"});
     table.add(idle_unprobed(options));
     table.add(probed("idle, with probe", options, true,
                      [](q9test::Daemon&, auto measure) { measure(nullptr); }));
@@ -232,7 +235,8 @@ int main(int argc, char** argv)
                 "leave the sleep out. It also stands in front of malloc, calloc, realloc, "
                 "memalign, aligned_alloc, posix_memalign, valloc and free, through which C++'s "
                 "operator new and the C library's own allocations (opendir, stdio) pass too, "
-                "and counts the allocations between two pass sleeps.");
+                "and counts the allocations between two pass sleeps; allocations − frees over the "
+                "whole window is what the heap kept.");
     table.print();
     system_call_costs();
     return 0;
