@@ -309,9 +309,9 @@ uint64_t ProbeReader::allocations() const
     return data_ ? __atomic_load_n(&data_->allocations, __ATOMIC_RELAXED) : 0;
 }
 
-uint64_t ProbeReader::frees() const
+int64_t ProbeReader::live_blocks() const
 {
-    return data_ ? __atomic_load_n(&data_->frees, __ATOMIC_RELAXED) : 0;
+    return data_ ? __atomic_load_n(&data_->live_blocks, __ATOMIC_RELAXED) : 0;
 }
 
 std::vector<PassRecord> ProbeReader::records(uint64_t first, uint64_t last) const
@@ -576,14 +576,15 @@ PassWindow measure_passes(const ProbeReader& probe, pid_t pid, uint64_t passes,
     uint64_t first = next_pass_border(probe);
     double start = now_us();
     ProcUsage before = proc_usage(pid);
-    uint64_t allocations_before = probe.allocations(), frees_before = probe.frees();
+    uint64_t allocations_before = probe.allocations();
+    int64_t live_before = probe.live_blocks();
     std::vector<uint64_t> consumed_before = intake ? intake->consumed() : std::vector<uint64_t>();
     probe.wait_passes(first, passes);
     uint64_t last = probe.passes();
     double end = now_us();
     ProcUsage after = proc_usage(pid);
     window.allocations = probe.allocations() - allocations_before;
-    window.frees = probe.frees() - frees_before;
+    window.kept_blocks = probe.live_blocks() - live_before;
     std::vector<uint64_t> consumed_after = intake ? intake->consumed() : std::vector<uint64_t>();
     window.passes = last - first;
     window.elapsed_us = end - start;

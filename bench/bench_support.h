@@ -91,7 +91,7 @@ public:
 
     uint64_t passes() const;
     uint64_t allocations() const;
-    uint64_t frees() const;
+    int64_t live_blocks() const;
     /// Records of passes [first, last); only the newest pass_ring_size are kept.
     std::vector<PassRecord> records(uint64_t first, uint64_t last) const;
     /// Waits until `count` more passes than `since` have been recorded.
@@ -194,7 +194,7 @@ struct PassWindow {
     std::vector<PassRecord> records; ///< one per pass, from the probe
     std::vector<uint64_t> consumed;  ///< bytes read per intake connection
     uint64_t allocations = 0;        ///< heap allocations over the window, from the probe
-    uint64_t frees = 0;              ///< frees over the window, from the probe
+    int64_t kept_blocks = 0;         ///< change of the live heap blocks over the window
 };
 /// Measures `passes` passes, from one pass border to another: sampled while
 /// the daemon sleeps, when it reads nothing.  `intake` may be null.

@@ -53,10 +53,9 @@ std::vector<std::string> probe_cells(const PassWindow& window)
     if (allocating > 0)
         which += "; each " + grouped(allocations / allocating) + " allocations, " +
                  grouped(bytes / allocating) + " B (max " + grouped(most) + ")";
-    long long balance = static_cast<long long>(window.allocations) - static_cast<long long>(window.frees);
     return {fixed(c.p50, 1), fixed(c.p90, 1), fixed(c.p99, 1), fixed(c.max, 1), fixed(w.p50, 1),
             fixed(allocations / passes, 2), grouped(static_cast<uint64_t>(bytes / passes)), which,
-            std::to_string(balance)};
+            std::to_string(window.kept_blocks)};
 }
 
 std::vector<std::string> kernel_cells(const PassWindow& window, uint64_t passes)
@@ -200,7 +199,7 @@ int main(int argc, char** argv)
     Table table({"daemon", "passes", "CPU µs/pass (schedstat)", "CPU µs/pass (utime+stime)",
                  "probe CPU p50 µs", "p90", "p99", "max", "work wall p50 µs",
                  "allocations/pass", "bytes allocated/pass", "passes that allocated",
-                 "allocations − frees"});
+                 "heap blocks kept"});
     table.add(idle_unprobed(options));
     table.add(probed("idle, with probe", options, true,
                      [](q9test::Daemon&, auto measure) { measure(nullptr); }));
@@ -235,8 +234,8 @@ int main(int argc, char** argv)
                 "leave the sleep out. It also stands in front of malloc, calloc, realloc, "
                 "memalign, aligned_alloc, posix_memalign, valloc and free, through which C++'s "
                 "operator new and the C library's own allocations (opendir, stdio) pass too, "
-                "and counts the allocations between two pass sleeps; allocations − frees over the "
-                "whole window is what the heap kept.");
+                "and counts the allocations between two pass sleeps; heap blocks kept: blocks "
+                "allocated and not freed over the whole window.");
     table.print();
     system_call_costs();
     return 0;
