@@ -8,7 +8,7 @@
 #include <cinttypes>
 #include <cstring>
 #include <fcntl.h>
-#include <ios>
+#include <sstream>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -53,25 +53,40 @@ std::string read_regular_file(int fd, std::string& text)
     }
 }
 
-// Why the file at `path` must not reach the TOML parser, or "" when it may.
-// It is opened without blocking, so that a FIFO put at the path is refused
-// at once instead of stalling the daemon.  When it cannot be opened at all,
-// the parser's own attempt fails as well and reports why.
-std::string parse_refusal(const char* path)
+// Reads the file at `path` for the parser: false, with `refusal` saying
+// why, when it must not reach the parser.  It is opened without blocking,
+// so that a FIFO put at the path is refused at once instead of stalling the
+// daemon.  When it cannot be opened at all, `opened` stays false and the
+// parser's own attempt reports why.
+bool read_for_parser(const char* path, std::string& text, bool& opened, std::string& refusal)
 {
     int fd = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    if (fd < 0)
-        return "";
-    std::string text;
-    std::string refusal = read_regular_file(fd, text);
+    opened = fd >= 0;
+    if (!opened)
+        return true;
+    refusal = read_regular_file(fd, text);
     close(fd);
     if (!refusal.empty())
-        return refusal;
+        return false;
     TomlNesting nesting = toml_nesting_scan(text.data(), text.size());
-    if (nesting.too_deep_line != 0)
-        return "nesting deeper than " + std::to_string(toml_nesting_limit) + " levels at line " +
-               std::to_string(nesting.too_deep_line);
-    return "";
+    if (nesting.too_deep_line != 0) {
+        refusal = "nesting deeper than " + std::to_string(toml_nesting_limit) + " levels at line " +
+                  std::to_string(nesting.too_deep_line);
+        return false;
+    }
+    return true;
+}
+
+// The parsed document.  The bytes already read and checked are parsed, not
+// the file again: a file rewritten in between (an editor saving while the
+// daemon reloads) cannot slip past the checks.
+std::shared_ptr<cpptoml::table> parse_document(const std::string& path, const std::string& text, bool opened)
+{
+    if (!opened)
+        return cpptoml::parse_file(path);
+    std::istringstream stream(text);
+    cpptoml::parser parser(stream);
+    return parser.parse();
 }
 
 void add_root_entry(const std::string& key, const std::shared_ptr<cpptoml::base>& node)
@@ -120,20 +135,17 @@ bool load_configuration()
         fprintf(stderr, "%s: %s\n", path, strerror(errno));
         return false;
     }
-    std::string refusal = parse_refusal(path);
-    if (!refusal.empty()) {
+    std::string text;
+    std::string refusal;
+    bool opened = false;
+    if (!read_for_parser(path, text, opened, refusal)) {
         fprintf(stderr, "%s: TOML parse error: %s\n", path, refusal.c_str());
         return false;
     }
     std::shared_ptr<cpptoml::table> root;
     try {
-        root = cpptoml::parse_file(configuration_path);
+        root = parse_document(configuration_path, text, opened);
     } catch (const cpptoml::parse_exception& error) {
-        fprintf(stderr, "%s: TOML parse error: %s\n", path, error.what());
-        return false;
-    } catch (const std::ios_base::failure& error) {
-        // The parser's stream throws on a read error (a failing disk, or a
-        // directory put at the path after the check above).
         fprintf(stderr, "%s: TOML parse error: %s\n", path, error.what());
         return false;
     }

@@ -1,6 +1,5 @@
 #include "trigger/trigger_dispatch.h"
 
-#include "q9mi.h"
 #include "service/client_notification.h"
 #include "service/command_server.h"
 
@@ -42,9 +41,6 @@ void TCPTriggerClient::handle_message()
 
 void do_trigger(const TCPTriggerClient& client)
 {
-    // A media item that does not start must not keep the others or the
-    // notification from happening, so the results are not looked at.
-    for (const auto& item : media_persistence)
-        q9mi_start_item(item.first.c_str());
+    start_persistent_media();
     notify_clients(client);
 }

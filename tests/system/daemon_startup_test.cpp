@@ -186,7 +186,7 @@ TEST(DaemonStartup, ServiceSocketPathTakenByDirectoryFails)
               std::string::npos)
         << err;
     // "Starting up" is logged before the server listens; no stop record follows.
-    EXPECT_EQ(syslog_count("q9_korvane_xml_events_d: Starting up"), 1);
+    EXPECT_TRUE(wait_until([] { return syslog_count("q9_korvane_xml_events_d: Starting up") == 1; }));
     EXPECT_EQ(syslog_count("Shutting down"), 0);
 }
 

@@ -10,11 +10,13 @@
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <sstream>
 
@@ -275,6 +277,16 @@ std::string TcpPeer::receive(size_t count, std::chrono::milliseconds limit)
     return received;
 }
 
+std::string TcpPeer::available()
+{
+    std::string received;
+    char buffer[4096];
+    ssize_t length;
+    while ((length = recv(fd_, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0)
+        received.append(buffer, static_cast<size_t>(length));
+    return received;
+}
+
 bool TcpPeer::wait_closed(std::chrono::milliseconds limit)
 {
     return wait_until(
@@ -324,12 +336,22 @@ bool ServiceClient::send(const std::string& command,
                          const std::vector<std::pair<std::string, std::string>>& pairs,
                          bool reply_wanted, uint64_t reference)
 {
+    uint8_t flags = COMM_SOCKET_V4_MODE_BIT | (reply_wanted ? COMM_SOCKET_V4_REPLY_WANTED : 0);
+    return send_packet(flags, reference, command, {}, pairs);
+}
+
+bool ServiceClient::send_packet(uint8_t flags, uint64_t reference, const std::string& command,
+                                const std::vector<std::string>& arguments,
+                                const std::vector<std::pair<std::string, std::string>>& pairs)
+{
     if (!connected())
         return false;
     comm_socket_v4_packet* packet = comm_socket_v4_packet_create();
-    packet->flags = COMM_SOCKET_V4_MODE_BIT | (reply_wanted ? COMM_SOCKET_V4_REPLY_WANTED : 0);
+    packet->flags = flags;
     packet->reference = reference;
     comm_socket_v4_packet_begin_writing(packet, 0, command.c_str(), "");
+    for (const std::string& argument : arguments)
+        comm_socket_v4_packet_write_argv(packet, argument.c_str());
     comm_socket_v4_packet_write_argv_end(packet);
     for (const auto& pair : pairs)
         comm_socket_v4_packet_write_nv_pair(packet, pair.first.c_str(), pair.second.c_str());
@@ -373,6 +395,38 @@ bool ServiceClient::request(Packet& reply, const std::string& command,
                             uint64_t reference)
 {
     return send(command, pairs, true, reference) && receive(reply);
+}
+
+std::string request_frame(uint8_t flags, const std::string& command,
+                          const std::vector<std::pair<std::string, std::string>>& pairs)
+{
+    comm_socket_v4_packet* request = comm_socket_v4_packet_create();
+    comm_socket_v4_packet_begin_writing(request, 0, command.c_str(), "");
+    comm_socket_v4_packet_write_argv_end(request);
+    for (const auto& pair : pairs)
+        comm_socket_v4_packet_write_nv_pair(request, pair.first.c_str(), pair.second.c_str());
+    comm_socket_v4_packet_write_end(request);
+    uint32_t length;
+    memcpy(&length, request->data + 4, sizeof(length));
+    std::string frame(reinterpret_cast<const char*>(request->data), length);
+    comm_socket_v4_packet_release(request);
+    // The header's flags byte; the record's field travels only through the
+    // library's own send.
+    frame[8] = static_cast<char>(flags);
+    return frame;
+}
+
+int raw_service_connection()
+{
+    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    strcpy(address.sun_path, service_path);
+    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 }  // namespace q9test

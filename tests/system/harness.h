@@ -101,6 +101,8 @@ public:
     bool send(const std::string& bytes);
     /// Reads until `count` bytes arrived or the deadline passed.
     std::string receive(size_t count, std::chrono::milliseconds limit = default_wait);
+    /// The bytes that have already arrived, without waiting for more.
+    std::string available();
     /// True when the daemon closed the connection by the deadline.
     bool wait_closed(std::chrono::milliseconds limit = default_wait);
     /// Closes the connection.
@@ -134,6 +136,11 @@ public:
     /// Sends one request; `reply_wanted` sets flags bit 0, bit 1 is always set.
     bool send(const std::string& command, const std::vector<std::pair<std::string, std::string>>& pairs = {},
               bool reply_wanted = true, uint64_t reference = 0);
+    /// Sends one request with exactly `flags` in its header and `arguments`
+    /// in its argument list.
+    bool send_packet(uint8_t flags, uint64_t reference, const std::string& command,
+                     const std::vector<std::string>& arguments,
+                     const std::vector<std::pair<std::string, std::string>>& pairs);
     /// The next packet from the daemon, or false at the deadline.
     bool receive(Packet& packet, std::chrono::milliseconds limit = default_wait);
     /// send() and then receive() of the reply.
@@ -144,6 +151,13 @@ public:
 private:
     comm_socket_v4* sock_ = nullptr;
 };
+
+/// The wire bytes of one request to the command service, for peers that
+/// write raw bytes.
+std::string request_frame(uint8_t flags, const std::string& command,
+                          const std::vector<std::pair<std::string, std::string>>& pairs = {});
+/// A plain blocking stream connection to the command service; -1 on failure.
+int raw_service_connection();
 
 template <typename Condition>
 bool wait_until(Condition condition, std::chrono::milliseconds limit)
