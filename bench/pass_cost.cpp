@@ -175,10 +175,11 @@ void system_call_costs()
     close(pair[1]);
 
     heading("System calls on this machine",
-            "Wall time per call in a loop in the benchmark process (CPU time for the sleep). "
-            "An idle pass makes 10 `poll` calls (the command server), 10 `accept` calls that "
-            "find nothing (the trigger listener) and one sleep; a pass at full intake adds "
-            "10,240 one-byte `recv` calls.");
+            "Wall time per call in a loop in the benchmark process (CPU time for the sleep), to "
+            "read the pass figures by: a pass is mostly system calls. An idle pass polls the "
+            "command server and the trigger listener ten times each and sleeps once; an "
+            "`accept` that finds nothing is dear because the kernel builds a socket and drops it "
+            "again. The intake table counts the receive calls of a pass.");
     Table table({"call", "µs per call"});
     table.add({"`poll` of one socket, timeout 0", fixed(poll_us, 2)});
     table.add({"`accept` on a non-blocking TCP listener with nothing pending", fixed(accept_us, 2)});
