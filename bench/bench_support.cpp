@@ -251,11 +251,13 @@ ProcUsage proc_usage(pid_t pid)
 
 std::pair<long, long> resident_kib(pid_t pid)
 {
-    auto kib = [&](const char* name) {
-        std::string value = status_field(pid, name);
-        return value.empty() ? -1L : std::stol(value);
-    };
-    return {kib("VmRSS"), kib("VmHWM")};
+    return {status_kib(pid, "VmRSS"), status_kib(pid, "VmHWM")};
+}
+
+long status_kib(pid_t pid, const char* field)
+{
+    std::string value = status_field(pid, field);
+    return value.empty() ? -1L : std::stol(value);
 }
 
 int descriptor_count(pid_t pid)
@@ -307,9 +309,9 @@ uint64_t ProbeReader::allocations() const
     return data_ ? __atomic_load_n(&data_->allocations, __ATOMIC_RELAXED) : 0;
 }
 
-uint64_t ProbeReader::frees() const
+int64_t ProbeReader::live_blocks() const
 {
-    return data_ ? __atomic_load_n(&data_->frees, __ATOMIC_RELAXED) : 0;
+    return data_ ? __atomic_load_n(&data_->live_blocks, __ATOMIC_RELAXED) : 0;
 }
 
 std::vector<PassRecord> ProbeReader::records(uint64_t first, uint64_t last) const
@@ -340,11 +342,11 @@ ToolDaemon::ToolDaemon(std::vector<std::string> wrapper, std::vector<std::string
 {
     static int runs = 0;
     std::string binary = daemon_copy();
-    stderr_path_ = make_work_dir() + "/tool-daemon-" + std::to_string(++runs) + ".stderr";
+    std::string stderr_path = make_work_dir() + "/tool-daemon-" + std::to_string(++runs) + ".stderr";
     pid_ = fork();
     if (pid_ != 0)
         return;
-    int err = open(stderr_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int err = open(stderr_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     int null = open("/dev/null", O_RDWR);
     dup2(null, 0);
     dup2(null, 1);
@@ -378,11 +380,6 @@ int ToolDaemon::stop(std::chrono::milliseconds limit)
         return -1;
     pid_ = -1;
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-std::string ToolDaemon::stderr_text() const
-{
-    return q9test::read_file(stderr_path_);
 }
 
 void write_minimal_config()
@@ -579,11 +576,15 @@ PassWindow measure_passes(const ProbeReader& probe, pid_t pid, uint64_t passes,
     uint64_t first = next_pass_border(probe);
     double start = now_us();
     ProcUsage before = proc_usage(pid);
+    uint64_t allocations_before = probe.allocations();
+    int64_t live_before = probe.live_blocks();
     std::vector<uint64_t> consumed_before = intake ? intake->consumed() : std::vector<uint64_t>();
     probe.wait_passes(first, passes);
     uint64_t last = probe.passes();
     double end = now_us();
     ProcUsage after = proc_usage(pid);
+    window.allocations = probe.allocations() - allocations_before;
+    window.kept_blocks = probe.live_blocks() - live_before;
     std::vector<uint64_t> consumed_after = intake ? intake->consumed() : std::vector<uint64_t>();
     window.passes = last - first;
     window.elapsed_us = end - start;

@@ -73,6 +73,8 @@ struct ProcUsage {
 ProcUsage proc_usage(pid_t pid);
 /// Resident set size in KiB (VmRSS), and the peak (VmHWM).
 std::pair<long, long> resident_kib(pid_t pid);
+/// A KiB field of /proc/PID/status such as "RssAnon", or -1.
+long status_kib(pid_t pid, const char* field);
 /// Number of open descriptors.
 int descriptor_count(pid_t pid);
 /// Clock ticks per second of /proc/PID/stat.
@@ -89,7 +91,7 @@ public:
 
     uint64_t passes() const;
     uint64_t allocations() const;
-    uint64_t frees() const;
+    int64_t live_blocks() const;
     /// Records of passes [first, last); only the newest pass_ring_size are kept.
     std::vector<PassRecord> records(uint64_t first, uint64_t last) const;
     /// Waits until `count` more passes than `since` have been recorded.
@@ -112,14 +114,11 @@ public:
     ToolDaemon(const ToolDaemon&) = delete;
     ToolDaemon& operator=(const ToolDaemon&) = delete;
 
-    pid_t pid() const { return pid_; }
     /// Sends SIGTERM and waits for the end; the exit status, or -1.
     int stop(std::chrono::milliseconds limit = std::chrono::milliseconds(60000));
-    std::string stderr_text() const;
 
 private:
     pid_t pid_ = -1;
-    std::string stderr_path_;
 };
 
 /// Writes a configuration with one valid section.
@@ -171,7 +170,6 @@ public:
     FullIntake& operator=(const FullIntake&) = delete;
 
     bool connected() const;
-    size_t size() const { return connections_.size(); }
     /// Bytes the daemon has read from each connection so far.
     std::vector<uint64_t> consumed() const;
     /// Bytes the daemon has sent back on all connections so far.
@@ -195,6 +193,8 @@ struct PassWindow {
     ProcUsage usage;                 ///< differences over the window
     std::vector<PassRecord> records; ///< one per pass, from the probe
     std::vector<uint64_t> consumed;  ///< bytes read per intake connection
+    uint64_t allocations = 0;        ///< heap allocations over the window, from the probe
+    int64_t kept_blocks = 0;         ///< change of the live heap blocks over the window
 };
 /// Measures `passes` passes, from one pass border to another: sampled while
 /// the daemon sleeps, when it reads nothing.  `intake` may be null.
@@ -248,7 +248,6 @@ public:
     ListenerGroup& operator=(const ListenerGroup&) = delete;
 
     bool ready() const { return ready_; }
-    size_t size() const { return sockets_.size(); }
     uint64_t received() const { return received_.load(); }
     std::vector<Notification> notifications() const;
     void clear();

@@ -43,7 +43,7 @@ uint64_t callgrind_total(const std::string& path)
     return 0;
 }
 
-// Sends all of `bytes` on a fresh connection and waits for `replies` bytes back.
+// Sends all of `bytes` on `connection` and waits for `reply_bytes` bytes back.
 void send_and_wait(const std::string& bytes, size_t reply_bytes, TriggerConnection& connection)
 {
     size_t sent = 0, received = 0;

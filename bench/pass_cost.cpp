@@ -51,10 +51,11 @@ std::vector<std::string> probe_cells(const PassWindow& window)
     double passes = static_cast<double>(window.records.size());
     std::string which = grouped(allocating) + " of " + grouped(window.records.size());
     if (allocating > 0)
-        which += "; each " + fixed(static_cast<double>(allocations) / allocating, 1) + " allocations, " +
+        which += "; each " + grouped(allocations / allocating) + " allocations, " +
                  grouped(bytes / allocating) + " B (max " + grouped(most) + ")";
     return {fixed(c.p50, 1), fixed(c.p90, 1), fixed(c.p99, 1), fixed(c.max, 1), fixed(w.p50, 1),
-            fixed(allocations / passes, 2), grouped(static_cast<uint64_t>(bytes / passes)), which};
+            fixed(allocations / passes, 2), grouped(static_cast<uint64_t>(bytes / passes)), which,
+            std::to_string(window.kept_blocks)};
 }
 
 std::vector<std::string> kernel_cells(const PassWindow& window, uint64_t passes)
@@ -84,7 +85,7 @@ std::vector<std::string> idle_unprobed(const Options& options)
     std::vector<std::string> row = {"idle, without probe"};
     auto kernel = kernel_cells(window, passes);
     row.insert(row.end(), kernel.begin(), kernel.end());
-    row.insert(row.end(), {"-", "-", "-", "-", "-", "-", "-", "-"});
+    row.insert(row.end(), {"-", "-", "-", "-", "-", "-", "-", "-", "-"});
     return row;
 }
 
@@ -174,10 +175,11 @@ void system_call_costs()
     close(pair[1]);
 
     heading("System calls on this machine",
-            "Wall time per call in a loop in the benchmark process (CPU time for the sleep). "
-            "An idle pass makes 10 `poll` calls (the command server), 10 `accept` calls that "
-            "find nothing (the trigger listener) and one sleep; a pass at full intake adds "
-            "10,240 one-byte `recv` calls.");
+            "Wall time per call in a loop in the benchmark process (CPU time for the sleep), to "
+            "read the pass figures by: a pass is mostly system calls. An idle pass polls the "
+            "command server and the trigger listener ten times each and sleeps once; an "
+            "`accept` that finds nothing is dear because the kernel builds a socket and drops it "
+            "again. The intake table counts the receive calls of a pass.");
     Table table({"call", "µs per call"});
     table.add({"`poll` of one socket, timeout 0", fixed(poll_us, 2)});
     table.add({"`accept` on a non-blocking TCP listener with nothing pending", fixed(accept_us, 2)});
@@ -197,7 +199,8 @@ int main(int argc, char** argv)
     }
     Table table({"daemon", "passes", "CPU µs/pass (schedstat)", "CPU µs/pass (utime+stime)",
                  "probe CPU p50 µs", "p90", "p99", "max", "work wall p50 µs",
-                 "allocations/pass", "bytes allocated/pass", "passes that allocated"});
+                 "allocations/pass", "bytes allocated/pass", "passes that allocated",
+                 "heap blocks kept"});
     table.add(idle_unprobed(options));
     table.add(probed("idle, with probe", options, true,
                      [](q9test::Daemon&, auto measure) { measure(nullptr); }));
@@ -232,7 +235,8 @@ int main(int argc, char** argv)
                 "leave the sleep out. It also stands in front of malloc, calloc, realloc, "
                 "memalign, aligned_alloc, posix_memalign, valloc and free, through which C++'s "
                 "operator new and the C library's own allocations (opendir, stdio) pass too, "
-                "and counts the allocations between two pass sleeps.");
+                "and counts the allocations between two pass sleeps; heap blocks kept: blocks "
+                "allocated and not freed over the whole window.");
     table.print();
     system_call_costs();
     return 0;

@@ -61,10 +61,19 @@ void bump(uint64_t& counter)
     __atomic_store_n(&counter, counter + 1, __ATOMIC_RELAXED);
 }
 
-void count_allocation(size_t bytes)
+void count_live(int64_t change)
+{
+    __atomic_store_n(&data->live_blocks, data->live_blocks + change, __ATOMIC_RELAXED);
+}
+
+// Every call that hands out memory counts as an allocation; only a new
+// block changes the live count.
+void count_allocation(size_t bytes, bool new_block = true)
 {
     bump(data->allocations);
     __atomic_store_n(&data->bytes, data->bytes + bytes, __ATOMIC_RELAXED);
+    if (new_block)
+        count_live(1);
 }
 #endif
 
@@ -149,7 +158,7 @@ void* malloc(size_t size)
 void free(void* pointer)
 {
     if (pointer != nullptr)
-        bump(data->frees);
+        count_live(-1);
     __libc_free(pointer);
 }
 
@@ -161,7 +170,10 @@ void* calloc(size_t count, size_t size)
 
 void* realloc(void* pointer, size_t size)
 {
-    count_allocation(size);
+    count_allocation(size, pointer == nullptr);
+    // The C library frees the block on a size of 0.
+    if (pointer != nullptr && size == 0)
+        count_live(-1);
     return __libc_realloc(pointer, size);
 }
 

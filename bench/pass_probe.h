@@ -35,7 +35,7 @@ struct PassProbeData {
     uint64_t passes;       ///< records written so far; pass k lives at k % pass_ring_size
     uint64_t allocations;  ///< allocations since the process started
     uint64_t bytes;        ///< bytes asked for by them
-    uint64_t frees;        ///< frees of non-null pointers since the process started
+    int64_t live_blocks;   ///< blocks allocated and not yet freed (realloc moves none)
     uint64_t receives;     ///< recv calls since the process started
     PassRecord ring[pass_ring_size];
 };

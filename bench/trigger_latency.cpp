@@ -42,7 +42,6 @@ struct Options {
 };
 
 struct Form {
-    const char* name;
     bool one_line;
     std::string reply() const { return one_line ? "OK\n" : "OK\n\n"; }
     std::string message(const std::string& seq) const
@@ -234,8 +233,8 @@ int main(int argc, char** argv)
         return 1;
     }
 
-    Form message_form{"TRIGGER message", false};
-    Form one_line_form{"ONE LINE TRIGGER line", true};
+    Form message_form{false};
+    Form one_line_form{true};
     FormResult message, burst_message;
     Reach reach = message_run(message_form, options.triggers, true, 0, listener, media, message);
     FormResult one_line = run_form(one_line_form, options.triggers, true, 0);
