@@ -1,4 +1,5 @@
 // q9_korvane_xml_events_ctl: the operator's client of the daemon.
+#include "common/stop_signals.h"
 #include "ctl/command_line.h"
 #include "ctl/output.h"
 #include "ctl/service_client.h"
@@ -81,15 +82,7 @@ int listen_for_triggers(ServiceConnection& connection, bool json, const sigset_t
 
 int run_listen(const CtlInvocation& invocation)
 {
-    sigset_t stop_signals, wait_mask;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGINT);
-    sigaddset(&stop_signals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &stop_signals, &wait_mask);
-    sigdelset(&wait_mask, SIGINT);
-    sigdelset(&wait_mask, SIGTERM);
-    signal(SIGINT, request_stop);
-    signal(SIGTERM, request_stop);
+    sigset_t wait_mask = catch_stop_signals(request_stop);
 
     ServiceConnection connection;
     int status = connect_service(connection);

@@ -1,5 +1,6 @@
 // q9_appliance_sim: stands in for the appliance's render managers and its
 // media-item service.
+#include "common/stop_signals.h"
 #include "sim/packet_service.h"
 #include "sim/simulators.h"
 
@@ -110,15 +111,7 @@ int main(int argc, char** argv)
         break;
     }
 
-    sigset_t stop_signals, wait_mask;
-    sigemptyset(&stop_signals);
-    sigaddset(&stop_signals, SIGINT);
-    sigaddset(&stop_signals, SIGTERM);
-    sigprocmask(SIG_BLOCK, &stop_signals, &wait_mask);
-    sigdelset(&wait_mask, SIGINT);
-    sigdelset(&wait_mask, SIGTERM);
-    signal(SIGINT, request_stop);
-    signal(SIGTERM, request_stop);
+    sigset_t wait_mask = catch_stop_signals(request_stop);
 
     Services services;
     std::string error;
