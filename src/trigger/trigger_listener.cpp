@@ -7,8 +7,9 @@
 #include <cstdio>
 #include <cstring>
 #include <netinet/in.h>
-#include <sys/socket.h>
+#include <netinet/tcp.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 namespace {
@@ -113,6 +114,10 @@ void service_all_tcp_clients()
             return;
         assert(tcp_clients.find(fd) == tcp_clients.end());
         fprintf(stderr, "Accepted TCP client fd %d\n", fd);
+        // Replies are a few bytes each; sent at once, several answered in one
+        // pass do not wait for the peer's delayed acknowledgement of the last.
+        int immediately = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &immediately, sizeof(immediately));
         tcp_clients[fd].take_fd(fd);
     }
 }
