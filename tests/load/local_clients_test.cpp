@@ -15,10 +15,27 @@ namespace {
 constexpr int rounds = 10;
 constexpr int clients_per_round = 20;
 
+// Connects `count` clients named "vanish-<first>" on; each sends a whole
+// "register" that wants a reply and half of a second request; then all close
+// together without reading.
+void vanish_together(int count, int first)
+{
+    std::vector<int> fds;
+    std::string half = request_frame("list-pmi", {});
+    half.resize(half.size() / 2);
+    for (int i = first; i < first + count; ++i) {
+        int fd = connect_unix(service_path);
+        ASSERT_GE(fd, 0);
+        fds.push_back(fd);
+        std::string name = "vanish-" + std::to_string(i);
+        EXPECT_TRUE(send_all(fd, request_frame("register", {{"target", name}, {"triggers", "*"}}) + half));
+    }
+    for (int fd : fds)
+        close(fd);
+}
+
 class LocalClientsLoad : public LoadTest {};
 
-// Every client sends a whole "register" that wants a reply and half of a
-// second request, then closes without reading.
 TEST_F(LocalClientsLoad, TwoHundredClientsVanishingMidRequestLeaveNoTrace)
 {
     auto listener = std::make_unique<ServiceClient>();
@@ -26,18 +43,8 @@ TEST_F(LocalClientsLoad, TwoHundredClientsVanishingMidRequestLeaveNoTrace)
     ASSERT_TRUE(listener->request(reply, "register", {{"triggers", "*"}}));
     int vanished = 0;
     for (int round = 0; round < rounds; ++round) {
-        std::vector<int> fds;
-        for (int i = 0; i < clients_per_round; ++i) {
-            std::string name = "vanish-" + std::to_string(vanished++);
-            std::string half = request_frame("list-pmi", {});
-            int fd = connect_unix(service_path);
-            ASSERT_GE(fd, 0);
-            EXPECT_TRUE(send_all(fd, request_frame("register", {{"target", name}, {"triggers", "*"}}) +
-                                         half.substr(0, half.size() / 2)));
-            fds.push_back(fd);
-        }
-        for (int fd : fds)
-            close(fd);
+        vanish_together(clients_per_round, vanished);
+        vanished += clients_per_round;
         ASSERT_TRUE(daemon->wait_for_stderr("* disconnected client\n", 1 + vanished)) << round;
     }
     EXPECT_EQ(count_of(daemon->stderr_text(), "* new connection\n"), 2 + vanished);

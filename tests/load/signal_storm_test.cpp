@@ -109,4 +109,18 @@ TEST_F(SignalLoad, StopSignalInTheMiddleOfAStreamOfTriggersEndsInOrder)
     EXPECT_TRUE(peer.wait_closed());
 }
 
+TEST_F(SignalLoad, UserAndAlarmSignalsEndTheDaemonWithoutTheStopSequence)
+{
+    // The daemon puts these back to their default action at start-up and
+    // does not handle them: each ends it at once, leaving the PID file.
+    for (int signo : {SIGUSR1, SIGUSR2, SIGALRM}) {
+        daemon->signal(signo);
+        EXPECT_EQ(daemon->wait_exit(), 128 + signo);
+        EXPECT_EQ(read_file(pid_path), std::to_string(daemon->pid()) + "\n");
+        remove(pid_path);
+        start_daemon();
+    }
+    EXPECT_EQ(syslog_count("Shutting down"), 0);
+}
+
 }  // namespace

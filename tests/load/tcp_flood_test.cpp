@@ -87,6 +87,17 @@ std::string repeated(const std::string& text, int times)
     return all;
 }
 
+// Expects every flooding peer's messages in `text` after `marker`, each
+// once and in the order sent.
+void expect_each_message_once_in_order(const std::string& text, const std::string& marker)
+{
+    auto found = numbered_commands(text, marker, "T", flood_peers);
+    for (int i = 0; i < flood_peers; ++i) {
+        EXPECT_EQ(found[i].size(), static_cast<size_t>(messages_per_peer)) << marker << ", peer " << i + 1;
+        EXPECT_EQ(counting_prefix(found[i]), found[i].size()) << marker << ", peer " << i + 1;
+    }
+}
+
 class TcpLoad : public LoadTest {};
 
 TEST_F(TcpLoad, FourPeersAtTheLimitAreEachAnsweredOncePerMessageInOrderWhileAFifthWaits)
@@ -109,15 +120,8 @@ TEST_F(TcpLoad, FourPeersAtTheLimitAreEachAnsweredOncePerMessageInOrderWhileAFif
 
     // The flood, the fifth peer's message and the warm-up's "TRIGGER".
     ASSERT_TRUE(wait_until([] { return syslog_count("Command received, command 'T") == 4 * messages_per_peer + 2; }));
-    std::string err = daemon->stderr_text();
-    auto logged = numbered_commands(syslog_text(), "Command received, command '", "T", flood_peers);
-    auto printed = numbered_commands(err, "Message: command='", "T", flood_peers);
-    for (int i = 0; i < flood_peers; ++i) {
-        EXPECT_EQ(logged[i].size(), static_cast<size_t>(messages_per_peer)) << "peer " << i + 1;
-        EXPECT_EQ(counting_prefix(logged[i]), logged[i].size()) << "peer " << i + 1;
-        EXPECT_EQ(printed[i].size(), static_cast<size_t>(messages_per_peer)) << "peer " << i + 1;
-        EXPECT_EQ(counting_prefix(printed[i]), printed[i].size()) << "peer " << i + 1;
-    }
+    expect_each_message_once_in_order(syslog_text(), "Command received, command '");
+    expect_each_message_once_in_order(daemon->stderr_text(), "Message: command='");
     fifth.close();
     ASSERT_TRUE(daemon->wait_for_stderr("Dropping TCP client fd ", 2 + flood_peers));
     expect_footprint_kept();
