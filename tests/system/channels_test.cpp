@@ -257,20 +257,8 @@ TEST_F(Channels, StopFreesEveryChannelConnection)
     ASSERT_TRUE(daemon->wait_for_stderr("Channel 2: connection open\n"));
     daemon->signal(SIGTERM);
     ASSERT_EQ(daemon->wait_exit(), 0);
-    std::string err = daemon->stderr_text();
-    std::string dump = err.substr(err.find("fd 0 -> "));
-    // What a daemon without channels leaves open too: the standard three,
-    // the lock on the executable and the syslog connection.
-    EXPECT_EQ(dump.rfind("fd 0 -> /dev/null\n"
-                         "fd 1 -> /dev/null\n"
-                         "fd 2 -> /run/q9-test/daemon-1.stderr\n"
-                         "fd 3 -> /run/q9-test/q9_korvane_xml_events_d\n"
-                         "fd 5 -> socket:[",
-                         0),
-              0u)
-        << dump;
-    EXPECT_EQ(count_of(dump, "socket:"), 1) << dump;
-    EXPECT_NE(dump.find("]\n5 open file descriptors\n"), std::string::npos) << dump;
+    // What a daemon without channels leaves open too.
+    EXPECT_TRUE(stop_dump_keeps_only_lock_and_syslog(daemon->stderr_text())) << daemon->stderr_text();
 }
 
 TEST_F(Channels, NamesThatAreNotChannelsAreNeverTried)

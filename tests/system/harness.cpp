@@ -111,6 +111,21 @@ int syslog_count(const std::string& text)
     return count_of(syslog_text(), text);
 }
 
+bool stop_dump_keeps_only_lock_and_syslog(const std::string& err)
+{
+    size_t start = err.find("fd 0 -> ");
+    if (start == std::string::npos)
+        return false;
+    std::string dump = err.substr(start);
+    return dump.rfind("fd 0 -> /dev/null\n"
+                      "fd 1 -> /dev/null\n"
+                      "fd 2 -> /run/q9-test/daemon-1.stderr\n"
+                      "fd 3 -> /run/q9-test/q9_korvane_xml_events_d\n"
+                      "fd 5 -> socket:[",
+                      0) == 0 &&
+           count_of(dump, "socket:") == 1 && dump.find("]\n5 open file descriptors\n") != std::string::npos;
+}
+
 int count_of(const std::string& haystack, const std::string& needle)
 {
     int count = 0;

@@ -43,6 +43,11 @@ std::string syslog_text();
 /// Number of syslog records containing `text`.
 int syslog_count(const std::string& text);
 
+/// Whether the descriptor dump that the first daemon of the sandbox wrote
+/// to its stderr `err` at stop lists only what a stopped daemon keeps: the
+/// standard three, the lock on its executable and the syslog connection.
+bool stop_dump_keeps_only_lock_and_syslog(const std::string& err);
+
 /// Number of non-overlapping occurrences of `needle` in `haystack`.
 int count_of(const std::string& haystack, const std::string& needle);
 
