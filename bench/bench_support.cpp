@@ -341,26 +341,9 @@ std::string pass_probe_library(bool passes_only)
 ToolDaemon::ToolDaemon(std::vector<std::string> wrapper, std::vector<std::string> environment)
 {
     static int runs = 0;
-    std::string binary = daemon_copy();
     std::string stderr_path = make_work_dir() + "/tool-daemon-" + std::to_string(++runs) + ".stderr";
-    pid_ = fork();
-    if (pid_ != 0)
-        return;
-    int err = open(stderr_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    int null = open("/dev/null", O_RDWR);
-    dup2(null, 0);
-    dup2(null, 1);
-    dup2(err, 2);
-    close_range(3, ~0u, 0);
-    for (const std::string& setting : environment)
-        putenv(const_cast<char*>(setting.c_str()));
-    wrapper.push_back(binary);
-    std::vector<char*> argv;
-    for (std::string& arg : wrapper)
-        argv.push_back(&arg[0]);
-    argv.push_back(nullptr);
-    execvp(argv[0], argv.data());
-    _exit(127);
+    wrapper.push_back(daemon_copy());
+    pid_ = q9test::spawn(wrapper, "/dev/null", stderr_path, environment);
 }
 
 ToolDaemon::~ToolDaemon()

@@ -48,15 +48,6 @@ std::string next_stderr_path()
     return std::string(work_dir) + "/daemon-" + std::to_string(++runs) + ".stderr";
 }
 
-int decode_status(int status)
-{
-    if (WIFEXITED(status))
-        return WEXITSTATUS(status);
-    if (WIFSIGNALED(status))
-        return 128 + WTERMSIG(status);
-    return -1;
-}
-
 // Whether something listens on the trigger port, read from the kernel's
 // table so that the daemon does not see a connection come and go.
 bool tcp_port_listening()
@@ -126,6 +117,40 @@ bool stop_dump_keeps_only_lock_and_syslog(const std::string& err)
            count_of(dump, "socket:") == 1 && dump.find("]\n5 open file descriptors\n") != std::string::npos;
 }
 
+pid_t spawn(const std::vector<std::string>& argv, const std::string& stdout_path,
+            const std::string& stderr_path, const std::vector<std::string>& environment)
+{
+    pid_t pid = fork();
+    if (pid != 0)
+        return pid;
+    int null = open("/dev/null", O_RDONLY);
+    int out = open(stdout_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int err = open(stderr_path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    dup2(null, 0);
+    dup2(out, 1);
+    dup2(err, 2);
+    // The child starts with the three standard descriptors only, as under
+    // an init system, so a daemon's descriptor dump shows nothing of the test's.
+    close_range(3, ~0u, 0);
+    for (const std::string& setting : environment)
+        putenv(const_cast<char*>(setting.c_str()));
+    std::vector<char*> args;
+    for (const std::string& arg : argv)
+        args.push_back(const_cast<char*>(arg.c_str()));
+    args.push_back(nullptr);
+    execvp(args[0], args.data());
+    _exit(127);
+}
+
+int decode_status(int status)
+{
+    if (WIFEXITED(status))
+        return WEXITSTATUS(status);
+    if (WIFSIGNALED(status))
+        return 128 + WTERMSIG(status);
+    return -1;
+}
+
 int count_of(const std::string& haystack, const std::string& needle)
 {
     int count = 0;
@@ -137,25 +162,8 @@ int count_of(const std::string& haystack, const std::string& needle)
 
 Daemon::Daemon(std::vector<std::string> args) : stderr_path_(next_stderr_path())
 {
-    std::string binary = daemon_copy();
-    pid_ = fork();
-    if (pid_ != 0)
-        return;
-    int err = open(stderr_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    int null = open("/dev/null", O_RDWR);
-    dup2(null, 0);
-    dup2(null, 1);
-    dup2(err, 2);
-    // The daemon starts with the three standard descriptors only, as under
-    // an init system, so its descriptor dump shows nothing of the test's.
-    close_range(3, ~0u, 0);
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(binary.c_str()));
-    for (std::string& arg : args)
-        argv.push_back(&arg[0]);
-    argv.push_back(nullptr);
-    execv(binary.c_str(), argv.data());
-    _exit(127);
+    args.insert(args.begin(), daemon_copy());
+    pid_ = spawn(args, "/dev/null", stderr_path_);
 }
 
 Daemon::~Daemon()

@@ -48,6 +48,16 @@ int syslog_count(const std::string& text);
 /// standard three, the lock on its executable and the syslog connection.
 bool stop_dump_keeps_only_lock_and_syslog(const std::string& err);
 
+/// Starts `argv` (searched in PATH) in a child process: standard input
+/// from /dev/null, standard output and error appended to nothing but the
+/// given files, no other descriptor inherited, `environment` ("NAME=VALUE")
+/// added.  The child's pid.
+pid_t spawn(const std::vector<std::string>& argv, const std::string& stdout_path,
+            const std::string& stderr_path, const std::vector<std::string>& environment = {});
+/// A waitpid() status as a shell shows it: the exit status, or 128 + the
+/// signal that ended the process.
+int decode_status(int status);
+
 /// Number of non-overlapping occurrences of `needle` in `haystack`.
 int count_of(const std::string& haystack, const std::string& needle);
 

@@ -1,5 +1,7 @@
 #include "tool_process.h"
 
+#include "harness.h"
+
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
@@ -32,15 +34,6 @@ std::string read_file(const std::string& path)
     return content.str();
 }
 
-int decode_status(int status)
-{
-    if (WIFEXITED(status))
-        return WEXITSTATUS(status);
-    if (WIFSIGNALED(status))
-        return 128 + WTERMSIG(status);
-    return -1;
-}
-
 }  // namespace
 
 bool wait_until(const std::function<bool()>& condition, std::chrono::milliseconds limit)
@@ -61,22 +54,9 @@ ToolProcess::ToolProcess(const std::string& binary, const std::vector<std::strin
     std::string base = next_output_base();
     stdout_path_ = base + ".stdout";
     stderr_path_ = base + ".stderr";
-    pid_ = fork();
-    if (pid_ != 0)
-        return;
-    int null = open("/dev/null", O_RDONLY);
-    int out = open(stdout_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    int err = open(stderr_path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(null, 0);
-    dup2(out, 1);
-    dup2(err, 2);
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(binary.c_str()));
-    for (const std::string& arg : args)
-        argv.push_back(const_cast<char*>(arg.c_str()));
-    argv.push_back(nullptr);
-    execv(binary.c_str(), argv.data());
-    _exit(127);
+    std::vector<std::string> argv{binary};
+    argv.insert(argv.end(), args.begin(), args.end());
+    pid_ = q9test::spawn(argv, stdout_path_, stderr_path_);
 }
 
 ToolProcess::~ToolProcess()
@@ -119,7 +99,7 @@ bool ToolProcess::running()
     int status = 0;
     if (waitpid(pid_, &status, WNOHANG) != pid_)
         return true;
-    status_ = decode_status(status);
+    status_ = q9test::decode_status(status);
     return false;
 }
 
