@@ -1,8 +1,9 @@
 #include "bench_support.h"
 
 #include "appliance_util.h"
+#include "comm_packet_reader.h"
+#include "frame.h"
 #include "q9mi.h"
-#include "rendermgr/packet_view.h"
 
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -31,6 +32,17 @@ namespace {
 
 constexpr const char* work_dir = "/run/q9-bench";
 constexpr int trigger_port = 9876;
+
+// Whether `bytes` are one well-made frame whose command word is "start".
+bool is_start_request(std::string& bytes)
+{
+    auto* frame = reinterpret_cast<unsigned char*>(&bytes[0]);
+    if (!frame_valid(frame, bytes.size()))
+        return false;
+    comm_socket_v4_packet packet{};
+    packet.data = frame;
+    return strcmp(packet_command_word(&packet), "start") == 0;
+}
 
 std::string make_work_dir()
 {
@@ -642,7 +654,7 @@ void MediaItemService::serve()
             while ((length = recv(peer, buffer, sizeof(buffer), 0)) > 0)
                 frame.append(buffer, static_cast<size_t>(length));
             close(peer);
-            if (frame.compare(0, 4, "KV4P") != 0 || frame.find(std::string("start\0", 6)) == std::string::npos)
+            if (!is_start_request(frame))
                 ++malformed_;
             std::lock_guard<std::mutex> lock(mutex_);
             arrivals_.push_back(at);

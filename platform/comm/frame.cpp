@@ -7,7 +7,6 @@
 namespace {
 
 constexpr unsigned char MAGIC[4] = {'K', 'V', '4', 'P'};
-constexpr size_t ARGUMENT_ENTRY_SIZE = 4;
 
 // A table of `bytes` bytes at `offset` lies after the header and inside the
 // frame.  An empty table is never read, so its offset does not matter.
@@ -59,11 +58,11 @@ std::vector<uint32_t> string_starts(const unsigned char* frame, size_t argc, siz
     starts.push_back(frame_load<uint32_t>(frame + FRAME_COMMAND_AT));
     starts.push_back(frame_load<uint32_t>(frame + FRAME_STATUS_AT));
     for (size_t i = 0; i < argc; ++i)
-        starts.push_back(frame_load<uint32_t>(frame + argv + ARGUMENT_ENTRY_SIZE * i));
+        starts.push_back(frame_load<uint32_t>(frame + argv + FRAME_ARGUMENT_ENTRY_SIZE * i));
     for (size_t i = 0; i < pair_count; ++i) {
         const unsigned char* entry = frame + pairs + FRAME_PAIR_ENTRY_SIZE * i;
         starts.push_back(frame_load<uint32_t>(entry));
-        starts.push_back(frame_load<uint32_t>(entry + 4));
+        starts.push_back(frame_load<uint32_t>(entry + FRAME_PAIR_VALUE_AT));
     }
     return starts;
 }
@@ -82,9 +81,9 @@ bool pair_lengths_match(const unsigned char* frame, size_t pair_count, size_t pa
     for (size_t i = 0; i < pair_count; ++i) {
         const unsigned char* entry = frame + pairs + FRAME_PAIR_ENTRY_SIZE * i;
         uint32_t name = frame_load<uint32_t>(entry);
-        uint32_t value = frame_load<uint32_t>(entry + 4);
-        if (ends.end_of(name) - name != frame_load<uint32_t>(entry + 8) ||
-            ends.end_of(value) - value != frame_load<uint32_t>(entry + 12))
+        uint32_t value = frame_load<uint32_t>(entry + FRAME_PAIR_VALUE_AT);
+        if (ends.end_of(name) - name != frame_load<uint32_t>(entry + FRAME_PAIR_NAME_LENGTH_AT) ||
+            ends.end_of(value) - value != frame_load<uint32_t>(entry + FRAME_PAIR_VALUE_LENGTH_AT))
             return false;
     }
     return true;
@@ -107,7 +106,7 @@ bool frame_valid(const unsigned char* frame, size_t size)
     size_t argv = frame_load<uint32_t>(frame + FRAME_ARGV_AT);
     size_t pair_count = frame_load<uint16_t>(frame + FRAME_PAIR_COUNT_AT);
     size_t pairs = frame_load<uint32_t>(frame + FRAME_PAIRS_AT);
-    if (!table_inside(argv, ARGUMENT_ENTRY_SIZE * argc, size) ||
+    if (!table_inside(argv, FRAME_ARGUMENT_ENTRY_SIZE * argc, size) ||
         !table_inside(pairs, FRAME_PAIR_ENTRY_SIZE * pair_count, size))
         return false;
     std::vector<uint32_t> starts = string_starts(frame, argc, argv, pair_count, pairs);
@@ -165,7 +164,7 @@ uint32_t FrameWriter::add_string(const char* text)
 
 unsigned char* FrameWriter::finish()
 {
-    size_t base = FRAME_HEADER_SIZE + ARGUMENT_ENTRY_SIZE * arguments_.size() +
+    size_t base = FRAME_HEADER_SIZE + FRAME_ARGUMENT_ENTRY_SIZE * arguments_.size() +
                   FRAME_PAIR_ENTRY_SIZE * pairs_.size();
     size_t size = base + strings_.size();
     unsigned char* frame = nullptr;
@@ -191,7 +190,7 @@ void FrameWriter::write_header(unsigned char* frame, size_t base, size_t size) c
     frame_store(frame + FRAME_ARGV_AT, static_cast<uint32_t>(FRAME_HEADER_SIZE));
     frame_store(frame + FRAME_PAIR_COUNT_AT, static_cast<uint16_t>(pairs_.size()));
     frame_store(frame + FRAME_PAIRS_AT,
-                static_cast<uint32_t>(FRAME_HEADER_SIZE + ARGUMENT_ENTRY_SIZE * arguments_.size()));
+                static_cast<uint32_t>(FRAME_HEADER_SIZE + FRAME_ARGUMENT_ENTRY_SIZE * arguments_.size()));
 }
 
 // Turns the offsets collected relative to the strings into frame offsets.
@@ -200,7 +199,7 @@ void FrameWriter::write_tables(unsigned char* frame, size_t base) const
     unsigned char* at = frame + FRAME_HEADER_SIZE;
     for (uint32_t argument : arguments_) {
         frame_store(at, static_cast<uint32_t>(base + argument));
-        at += ARGUMENT_ENTRY_SIZE;
+        at += FRAME_ARGUMENT_ENTRY_SIZE;
     }
     for (const Pair& pair : pairs_) {
         const uint32_t entry[4] = {static_cast<uint32_t>(base + pair.name),

@@ -1,9 +1,9 @@
 #include "service/command_server.h"
 
+#include "comm_packet_reader.h"
 #include "comm_socket_v4.h"
 #include "daemon/process_state.h"
 #include "q9mi.h"
-#include "rendermgr/packet_view.h"
 #include "service/patient_send.h"
 
 #include <cassert>

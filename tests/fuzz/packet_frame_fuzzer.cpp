@@ -3,9 +3,9 @@
 // way the daemon reads a request), then written as a stream to a live
 // server endpoint, whose idle step must take in well-made frames and drop
 // the peer on anything else, never reading outside what arrived.
+#include "comm_packet_reader.h"
 #include "comm_socket_v4.h"
 #include "frame.h"
-#include "rendermgr/packet_view.h"
 
 #include <sys/socket.h>
 #include <sys/un.h>

@@ -100,20 +100,8 @@ bool LoadTest::trigger_acknowledged(const std::string& message)
 
 std::string request_frame(const std::string& command, const Pairs& pairs)
 {
-    comm_socket_v4_packet* packet = comm_socket_v4_packet_create();
-    comm_socket_v4_packet_begin_writing(packet, 0, command.c_str(), "");
-    comm_socket_v4_packet_write_argv_end(packet);
-    for (const auto& pair : pairs)
-        comm_socket_v4_packet_write_nv_pair(packet, pair.first.c_str(), pair.second.c_str());
-    comm_socket_v4_packet_write_end(packet);
-    uint32_t length;
-    memcpy(&length, packet->data + 4, sizeof length);
-    std::string frame(reinterpret_cast<const char*>(packet->data), length);
-    comm_socket_v4_packet_release(packet);
-    // The library stamps the header's flags only when it sends; this frame
-    // goes out raw.
-    frame[8] = COMM_SOCKET_V4_REPLY_WANTED | COMM_SOCKET_V4_MODE_BIT;
-    return frame;
+    return q9test::request_frame(COMM_SOCKET_V4_REPLY_WANTED | COMM_SOCKET_V4_MODE_BIT, command,
+                                 pairs);
 }
 
 int connect_unix(const std::string& path)

@@ -1,6 +1,7 @@
 // The local command service seen by local programs: requests through the
 // service socket, the replies and notifications they get, and the lines the
 // daemon writes about its clients.
+#include "frame.h"
 #include "harness.h"
 
 #include <gtest/gtest.h>
@@ -295,12 +296,12 @@ TEST_F(CommandService, MalformedFramesDropOnlyTheirOwnClient)
 {
     ServiceClient good;
     ASSERT_EQ(ask(good, "register", {{"target", "x"}, {"triggers", "*"}}).status, "OK");
+    std::string oversized = request_frame(kRequestFlags, "test").substr(0, FRAME_PREFIX_SIZE);
+    frame_store(reinterpret_cast<unsigned char*>(&oversized[0]) + FRAME_LENGTH_AT, 0xffffffffu);
     std::string out_of_frame = request_frame(kRequestFlags, "test");
-    uint32_t far = 100000;
-    memcpy(&out_of_frame[28], &far, sizeof(far));
+    frame_store(reinterpret_cast<unsigned char*>(&out_of_frame[0]) + FRAME_COMMAND_AT, 100000u);
     const std::string frames[] = {std::string("NOPE") + std::string(100, 'j'),
-                                  std::string("KV4P\xff\xff\xff\xff", 8) + std::string(100, 'j'),
-                                  out_of_frame};
+                                  oversized + std::string(100, 'j'), out_of_frame};
     int dropped = 0;
     for (const std::string& frame : frames) {
         int fd = raw_service_connection();
@@ -328,9 +329,9 @@ TEST_F(CommandService, WellFormedRawFrameIsAnsweredAndKeepsItsConnection)
     ASSERT_GE(fd, 0);
     std::string frame = request_frame(kRequestFlags, "test");
     ASSERT_EQ(send(fd, frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
-    char magic[4];
-    EXPECT_EQ(recv(fd, magic, sizeof(magic), MSG_WAITALL), 4);
-    EXPECT_EQ(std::string(magic, 4), "KV4P");
+    unsigned char prefix[FRAME_PREFIX_SIZE];
+    EXPECT_EQ(recv(fd, prefix, sizeof(prefix), MSG_WAITALL), static_cast<ssize_t>(sizeof(prefix)));
+    EXPECT_TRUE(frame_prefix_valid(prefix));
     EXPECT_EQ(count_of(daemon->stderr_text(), "* disconnected client\n"), 0);
     close(fd);
 }

@@ -4,8 +4,9 @@
 #include "harness.h"
 #include "tool_process.h"
 
+#include "comm_packet_reader.h"
+#include "frame.h"
 #include "q9mi.h"
-#include "rendermgr/packet_view.h"
 
 #include <gtest/gtest.h>
 
@@ -75,10 +76,7 @@ private:
 
     static std::string request_text(std::string frame)
     {
-        uint32_t length = 0;
-        if (frame.size() >= 104)
-            memcpy(&length, &frame[4], sizeof(length));
-        if (frame.compare(0, 4, "KV4P") != 0 || length != frame.size())
+        if (!frame_valid(reinterpret_cast<const unsigned char*>(frame.data()), frame.size()))
             return "(incomplete frame of " + std::to_string(frame.size()) + " bytes)";
         comm_socket_v4_packet packet{};
         packet.data = reinterpret_cast<unsigned char*>(&frame[0]);

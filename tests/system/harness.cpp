@@ -1,7 +1,8 @@
 #include "harness.h"
 
 #include "appliance_util.h"
-#include "rendermgr/packet_view.h"
+#include "comm_packet_reader.h"
+#include "frame.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -429,13 +430,11 @@ std::string request_frame(uint8_t flags, const std::string& command,
     for (const auto& pair : pairs)
         comm_socket_v4_packet_write_nv_pair(request, pair.first.c_str(), pair.second.c_str());
     comm_socket_v4_packet_write_end(request);
-    uint32_t length;
-    memcpy(&length, request->data + 4, sizeof(length));
-    std::string frame(reinterpret_cast<const char*>(request->data), length);
+    // The record's flags travel only through the library's own send, so
+    // this frame, which goes out raw, gets them written into its header.
+    frame_stamp(request->data, flags, 0, 0);
+    std::string frame(reinterpret_cast<const char*>(request->data), frame_length(request->data));
     comm_socket_v4_packet_release(request);
-    // The header's flags byte; the record's field travels only through the
-    // library's own send.
-    frame[8] = static_cast<char>(flags);
     return frame;
 }
 

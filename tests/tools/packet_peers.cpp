@@ -3,7 +3,7 @@
 #include "tool_process.h"
 
 #include "appliance_util.h"
-#include "rendermgr/packet_view.h"
+#include "comm_packet_reader.h"
 
 #include <unistd.h>
 

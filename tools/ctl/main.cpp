@@ -6,7 +6,7 @@
 #include "ctl/trigger_client.h"
 
 #include "appliance_util.h"
-#include "rendermgr/packet_view.h"
+#include "comm_packet_reader.h"
 
 #include <csignal>
 #include <cstdio>

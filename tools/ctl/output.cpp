@@ -1,6 +1,6 @@
 #include "ctl/output.h"
 
-#include "rendermgr/packet_view.h"
+#include "comm_packet_reader.h"
 
 #include <nlohmann/json.hpp>
 

@@ -1,7 +1,7 @@
 #include "ctl/service_client.h"
 
 #include "appliance_util.h"
-#include "rendermgr/packet_view.h"
+#include "comm_packet_reader.h"
 
 #include <poll.h>
 #include <unistd.h>

@@ -1,7 +1,7 @@
 #include "sim/packet_service.h"
 
 #include "appliance_util.h"
-#include "rendermgr/packet_view.h"
+#include "comm_packet_reader.h"
 
 #include <sys/stat.h>
 #include <unistd.h>

@@ -1,7 +1,7 @@
 #include "sim/simulators.h"
 
 #include "metadata_v4.h"
-#include "rendermgr/packet_view.h"
+#include "comm_packet_reader.h"
 
 #include <algorithm>
 #include <climits>

@@ -18,7 +18,12 @@ constexpr size_t FRAME_MAX_SIZE = 16u * 1024 * 1024;
 constexpr size_t FRAME_MAX_COUNT = 65535;
 /// Bytes of a frame that tell whether it may be taken in at all: magic and length.
 constexpr size_t FRAME_PREFIX_SIZE = 8;
+constexpr size_t FRAME_ARGUMENT_ENTRY_SIZE = 4;
 constexpr size_t FRAME_PAIR_ENTRY_SIZE = 16;
+/// Fields of a pair entry after its name's offset, which comes first.
+constexpr size_t FRAME_PAIR_VALUE_AT = 4;
+constexpr size_t FRAME_PAIR_NAME_LENGTH_AT = 8;
+constexpr size_t FRAME_PAIR_VALUE_LENGTH_AT = 12;
 
 constexpr size_t FRAME_LENGTH_AT = 4;
 constexpr size_t FRAME_FLAGS_AT = 8;

@@ -148,7 +148,7 @@ TEST_F(ClientTest, SpoiltFrameFromTheServerEndsTheConnection)
     ASSERT_EQ(0, comm_socket_v4_connect_to(client, TEST_SOCKET));
     int peer = accept(listener, nullptr, nullptr);
     std::vector<unsigned char> frame = frame_bytes(packet_of(REPLY));
-    frame_store(frame.data() + 32, static_cast<uint32_t>(frame.size()));
+    frame_store(frame.data() + FRAME_STATUS_AT, static_cast<uint32_t>(frame.size()));
     ASSERT_EQ(static_cast<ssize_t>(frame.size()), write(peer, frame.data(), frame.size()));
     EXPECT_TRUE(wait_until([&] { return comm_socket_v4_idle(client) == -1; }));
     EXPECT_LT(client->fd, 0);

@@ -212,13 +212,20 @@ void put32(std::vector<unsigned char>& frame, size_t at, uint32_t value)
 
 const Spoilt SPOILT_FRAMES[] = {
     {"BadMagic", [](std::vector<unsigned char>& frame) { frame[0] = 'X'; }},
-    {"ShorterThanAHeader", [](std::vector<unsigned char>& frame) { put32(frame, 4, 50); }},
-    {"Oversized", [](std::vector<unsigned char>& frame) { put32(frame, 4, 16 * 1024 * 1024 + 1); }},
-    {"OffsetOutOfRange", [](std::vector<unsigned char>& frame) { put32(frame, 28, 0xfffffff0u); }},
+    {"ShorterThanAHeader",
+     [](std::vector<unsigned char>& frame) { put32(frame, FRAME_LENGTH_AT, 50); }},
+    {"Oversized",
+     [](std::vector<unsigned char>& frame) { put32(frame, FRAME_LENGTH_AT, FRAME_MAX_SIZE + 1); }},
+    {"OffsetOutOfRange",
+     [](std::vector<unsigned char>& frame) { put32(frame, FRAME_COMMAND_AT, 0xfffffff0u); }},
     {"ArgumentTableOutOfRange",
-     [](std::vector<unsigned char>& frame) { put32(frame, 46, 0x7fffffffu); }},
+     [](std::vector<unsigned char>& frame) { put32(frame, FRAME_ARGV_AT, 0x7fffffffu); }},
     {"UnterminatedString", [](std::vector<unsigned char>& frame) { frame.back() = 'z'; }},
-    {"PairLengthWrong", [](std::vector<unsigned char>& frame) { put32(frame, 104 + 4 + 8, 9); }},
+    {"PairLengthWrong",
+     [](std::vector<unsigned char>& frame) {
+         uint32_t pairs = frame_load<uint32_t>(frame.data() + FRAME_PAIRS_AT);
+         put32(frame, pairs + FRAME_PAIR_NAME_LENGTH_AT, 9);
+     }},
 };
 
 void PrintTo(const Spoilt& spoilt, std::ostream* out)

@@ -1,8 +1,8 @@
 #include "rendermgr/play_command.h"
 
 #include "channel_server.h"
+#include "comm_packet_reader.h"
 #include "rendermgr/channels.h"
-#include "rendermgr/packet_view.h"
 
 #include <gtest/gtest.h>
 
@@ -143,14 +143,6 @@ protected:
         });
     }
 
-    // The number given to begin_writing, as it travels in the frame header.
-    static uint64_t begin_number(const comm_socket_v4_packet* packet)
-    {
-        uint64_t number;
-        memcpy(&number, packet->data + 36, sizeof(number));
-        return number;
-    }
-
     // Checks one received setting: a "set" request wanting a reply, with the
     // name and the value as its only two arguments.
     static void expect_setting(const comm_socket_v4_packet* packet, const char* name,
@@ -161,7 +153,7 @@ protected:
         EXPECT_EQ(COMM_SOCKET_V4_REPLY_WANTED | COMM_SOCKET_V4_MODE_BIT, packet->flags);
         EXPECT_EQ(0U, packet->reference);
         EXPECT_EQ(0, packet->result);
-        EXPECT_EQ(0U, begin_number(packet));
+        EXPECT_EQ(0U, packet_number(packet));
         ASSERT_EQ(2U, packet_argument_count(packet));
         EXPECT_STREQ(name, packet_argument(packet, 0));
         EXPECT_STREQ(value, packet_argument(packet, 1));

@@ -2,9 +2,9 @@
 
 #include "library_calls.h"
 
+#include "comm_packet_reader.h"
 #include "daemon/process_state.h"
 #include "q9mi.h"
-#include "rendermgr/packet_view.h"
 #include "service/command_server.h"
 
 #include <chrono>

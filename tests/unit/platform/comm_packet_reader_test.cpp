@@ -1,4 +1,6 @@
-#include "rendermgr/packet_view.h"
+#include "comm_packet_reader.h"
+
+#include "frame.h"
 
 #include <gtest/gtest.h>
 
@@ -10,7 +12,7 @@
 namespace {
 
 // A packet written through the library, released with the test.
-class PacketViewTest : public testing::Test {
+class CommPacketReaderTest : public testing::Test {
 protected:
     void TearDown() override { comm_socket_v4_packet_release(packet); }
 
@@ -23,7 +25,7 @@ void put(std::vector<unsigned char>& frame, size_t at, T value)
     std::memcpy(frame.data() + at, &value, sizeof(value));
 }
 
-TEST_F(PacketViewTest, ReadsEveryPartOfAWrittenPacket)
+TEST_F(CommPacketReaderTest, ReadsEveryPartOfAWrittenPacket)
 {
     comm_socket_v4_packet_begin_writing(packet, 0, "notify", "OK");
     comm_socket_v4_packet_write_argv(packet, "TRIGGER");
@@ -44,7 +46,15 @@ TEST_F(PacketViewTest, ReadsEveryPartOfAWrittenPacket)
     EXPECT_STREQ("", packet_nv_value(packet, 1));
 }
 
-TEST_F(PacketViewTest, PacketWithoutArgumentsOrPairsHasNone)
+TEST_F(CommPacketReaderTest, ReadsTheNumberGivenToBeginWriting)
+{
+    comm_socket_v4_packet_begin_writing(packet, 0x1234567890abcdefUL, "set", "");
+    comm_socket_v4_packet_write_argv_end(packet);
+    comm_socket_v4_packet_write_end(packet);
+    EXPECT_EQ(0x1234567890abcdefU, packet_number(packet));
+}
+
+TEST_F(CommPacketReaderTest, PacketWithoutArgumentsOrPairsHasNone)
 {
     comm_socket_v4_packet_begin_writing(packet, 0, "list-pmi", "");
     comm_socket_v4_packet_write_argv_end(packet);
@@ -57,20 +67,20 @@ TEST_F(PacketViewTest, PacketWithoutArgumentsOrPairsHasNone)
 
 // Tables at odd offsets and strings in an unusual order: the reader follows
 // the offsets in the header and the tables, whatever the layout.
-TEST_F(PacketViewTest, FollowsOffsetsAtUnalignedPlaces)
+TEST_F(CommPacketReaderTest, FollowsOffsetsAtUnalignedPlaces)
 {
     std::vector<unsigned char> frame(160, 0);
     const char strings[] = "val\0nam\0arg\0st\0cmd";  // from offset 130
     std::memcpy(frame.data() + 130, strings, sizeof(strings));
-    put<uint32_t>(frame, 28, 130 + 15);  // "cmd"
-    put<uint32_t>(frame, 32, 130 + 12);  // "st"
-    put<uint16_t>(frame, 44, 1);
-    put<uint32_t>(frame, 46, 105);
+    put<uint32_t>(frame, FRAME_COMMAND_AT, 130 + 15);  // "cmd"
+    put<uint32_t>(frame, FRAME_STATUS_AT, 130 + 12);   // "st"
+    put<uint16_t>(frame, FRAME_ARGC_AT, 1);
+    put<uint32_t>(frame, FRAME_ARGV_AT, 105);
     put<uint32_t>(frame, 105, 130 + 8);  // "arg"
-    put<uint16_t>(frame, 97, 1);
-    put<uint32_t>(frame, 99, 111);
-    put<uint32_t>(frame, 111, 130 + 4);  // "nam"
-    put<uint32_t>(frame, 115, 130);      // "val"
+    put<uint16_t>(frame, FRAME_PAIR_COUNT_AT, 1);
+    put<uint32_t>(frame, FRAME_PAIRS_AT, 111);
+    put<uint32_t>(frame, 111, 130 + 4);                    // "nam"
+    put<uint32_t>(frame, 111 + FRAME_PAIR_VALUE_AT, 130);  // "val"
     comm_socket_v4_packet received{frame.data(), 0, 0, 0, nullptr};
     EXPECT_STREQ("cmd", packet_command_word(&received));
     EXPECT_STREQ("st", packet_status_word(&received));

@@ -1,17 +1,23 @@
 // Reading the wire form of a received packet (its `data` frame).
 //
-// The library checked the frame whole before handing it over, so every
-// offset read here lies inside the frame and every string is terminated.
+// The packet-socket library checked the frame whole before handing it over,
+// so every offset read here lies inside the frame and every string is
+// terminated.  The reader sits beside the library and reads the same wire
+// form; the daemon, the tools, the tests and the benchmarks read packets
+// only through it.
 #pragma once
 
 #include "comm_socket_v4.h"
 
 #include <cstddef>
+#include <cstdint>
 
 /// The command word of a received packet.
 const char* packet_command_word(const comm_socket_v4_packet* packet);
 /// The status word of a received packet.
 const char* packet_status_word(const comm_socket_v4_packet* packet);
+/// The number its sender gave to comm_socket_v4_packet_begin_writing().
+uint64_t packet_number(const comm_socket_v4_packet* packet);
 /// Number of arguments of a received packet.
 size_t packet_argument_count(const comm_socket_v4_packet* packet);
 /// Argument `index` (below packet_argument_count()).
