@@ -5,6 +5,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+
+#include <string>
+
 namespace {
 
 class ClientNotification : public ServiceTest {
@@ -22,6 +26,18 @@ protected:
     {
         auto packet = client.ask({"test"});
         return packet && packet->command == "test";
+    }
+
+    /// The bytes waiting in the client's socket, taken past its endpoint,
+    /// which has read nothing of them yet.
+    static std::string waiting_bytes(LocalClient& client)
+    {
+        std::string bytes;
+        char buffer[4096];
+        ssize_t length;
+        while ((length = recv(client.endpoint()->fd, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0)
+            bytes.append(buffer, static_cast<size_t>(length));
+        return bytes;
     }
 
     static void listen_to_all(LocalClient& client)
@@ -123,11 +139,46 @@ TEST_F(ClientNotification, EachPacketIsReleasedOnce)
     reset_library_calls();
     notify_clients(message);
     ASSERT_EQ(library_calls.sends.size(), 2u);
-    const comm_socket_v4_packet* to_first = library_calls.sends[0].packet;
-    const comm_socket_v4_packet* to_second = library_calls.sends[1].packet;
+    const comm_socket_v4_packet* packet = library_calls.sends[0].packet;
     EXPECT_EQ(library_calls.packet_calls,
-              (decltype(library_calls.packet_calls){
-                  {'s', to_first}, {'r', to_first}, {'s', to_second}, {'r', to_second}}));
+              (decltype(library_calls.packet_calls){{'s', packet}, {'s', packet}, {'r', packet}}));
+}
+
+TEST_F(ClientNotification, OneClientAloneGetsAPacketOfItsOwn)
+{
+    LocalClient client;
+    listen_to_all(client);
+    reset_library_calls();
+    notify_client(client.index(), server_socket_clients.at(client.index()), message);
+    ASSERT_EQ(library_calls.sends.size(), 1u);
+    const comm_socket_v4_packet* packet = library_calls.sends[0].packet;
+    EXPECT_EQ(library_calls.packet_calls,
+              (decltype(library_calls.packet_calls){{'s', packet}, {'r', packet}}));
+}
+
+TEST_F(ClientNotification, NoPacketIsMadeWithoutAListener)
+{
+    LocalClient plain;
+    reset_library_calls();
+    notify_clients(message);
+    EXPECT_TRUE(library_calls.packet_calls.empty());
+    EXPECT_TRUE(library_calls.releases.empty());
+}
+
+TEST_F(ClientNotification, ListenersGetTheBytesOfTheOneClientPath)
+{
+    LocalClient first;
+    LocalClient second;
+    listen_to_all(first);
+    listen_to_all(second);
+    notify_clients(message);
+    std::string to_first = waiting_bytes(first);
+    std::string to_second = waiting_bytes(second);
+    notify_client(first.index(), server_socket_clients.at(first.index()), message);
+    std::string alone = waiting_bytes(first);
+    ASSERT_FALSE(alone.empty());
+    EXPECT_EQ(to_first, alone);
+    EXPECT_EQ(to_second, alone);
 }
 
 TEST_F(ClientNotification, RegisteringStarStartsAndEmptyStopsNotifications)
