@@ -12,6 +12,7 @@
 // pass (four clock reads) is part of what it measures; the difference of the
 // two idle rows shows how much that is.
 #include "bench_support.h"
+#include "fixed_paths.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -210,7 +211,7 @@ int main(int argc, char** argv)
         channel_args.push_back(std::to_string(channel));
     pid_t simulator = start_simulator(channel_args);
     std::string last_socket = std::string(q9test::rendermgr_root) + "/channel" +
-                              std::to_string(channels) + "/.media.item.active.socket";
+                              std::to_string(channels) + RENDERMGR_SOCKET_SUFFIX;
     q9test::wait_until([&] { return access(last_socket.c_str(), F_OK) == 0; });
     table.add(probed("loaded: blank lines", options, false, [](q9test::Daemon& daemon, auto measure) {
         under_load(daemon, "\n", measure);

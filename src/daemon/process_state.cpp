@@ -6,6 +6,7 @@
 #include "daemon/process_state.h"
 
 #include "config/configuration.h"
+#include "fixed_paths.h"
 #include "rendermgr/channels.h"
 #include "service/command_server.h"
 #include "trigger/trigger_listener.h"
@@ -14,10 +15,10 @@ bool force_run = false;
 int DIEsig = 0;
 int reload_config = 0;
 comm_socket_v4* server_socket = nullptr;
-const char* const server_socket_path = "/var/run/q9_korvane_xml_events_d.service";
-const char* const pid_file_path = "/var/run/q9_korvane_xml_events_d.pid";
-const char* const default_configuration_path = "/etc/q9_korvane_xml_events_d.toml";
-const char* const rendermgr_root = "/mnt/main/tv/rendermgr";
+const char* const server_socket_path = DAEMON_SERVICE_PATH;
+const char* const pid_file_path = DAEMON_PID_PATH;
+const char* const default_configuration_path = DAEMON_CONFIGURATION_PATH;
+const char* const rendermgr_root = RENDERMGR_ROOT;
 int tcp_trigger_port = 9876;
 int tcp_trigger_fd = -1;
 uint64_t known_channels_last_update = 0;

@@ -1,5 +1,6 @@
 #include "rendermgr/render_manager_connection.h"
 
+#include "fixed_paths.h"
 #include "metadata_v4.h"
 
 #include <cassert>
@@ -33,7 +34,7 @@ RenderManagerConnection::RenderManagerConnection(int channel) : channel(channel)
     char metadir[192] = "";
     metadata_v4_file_to_metadir(metadir, sizeof(metadir) - 1, tmp);
     socket_path = metadir;
-    socket_path += "/.media.item.active.socket";
+    socket_path += RENDERMGR_SOCKET_SUFFIX;
 }
 
 RenderManagerConnection::~RenderManagerConnection()

@@ -4,6 +4,8 @@
 #include "load_support.h"
 #include "tool_process.h"
 
+#include "fixed_paths.h"
+
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -22,7 +24,7 @@ using q9tools::ToolProcess;
 
 namespace {
 
-constexpr const char* mediaitem_path = "/var/run/q9mi.service";
+constexpr const char* mediaitem_path = Q9MI_SERVICE_PATH;
 
 int listen_unix(const std::string& path, int backlog)
 {
@@ -145,7 +147,7 @@ TEST_F(NeighboursLoad, RenderManagerAnsweringGarbageIsDroppedAndTriedAgain)
     // bytes that are no frame; about two 5 s refreshes, 30 s at most.
     std::string directory = std::string(rendermgr_root) + "/channel9";
     mkdir(directory.c_str(), 0755);
-    int listener = listen_unix(directory + "/.media.item.active.socket", 4);
+    int listener = listen_unix(directory + RENDERMGR_SOCKET_SUFFIX, 4);
     ASSERT_GE(listener, 0);
     std::vector<int> accepted;
     ASSERT_TRUE(wait_until(

@@ -4,6 +4,8 @@
 #include "harness.h"
 #include "tool_process.h"
 
+#include "fixed_paths.h"
+
 #include <gtest/gtest.h>
 
 #include <dirent.h>
@@ -28,7 +30,7 @@ std::string channel_dir(int channel)
 
 std::string socket_of(int channel)
 {
-    return channel_dir(channel) + "/.media.item.active.socket";
+    return channel_dir(channel) + RENDERMGR_SOCKET_SUFFIX;
 }
 
 std::string open_line(int channel)

@@ -3,6 +3,7 @@
 #pragma once
 
 #include "comm_socket_v4.h"
+#include "fixed_paths.h"
 
 #include <sys/types.h>
 
@@ -20,10 +21,10 @@ using Clock = std::chrono::steady_clock;
 /// because test machines are shared and slow under the sanitizers.
 constexpr std::chrono::milliseconds default_wait{15000};
 
-constexpr const char* config_path = "/etc/q9_korvane_xml_events_d.toml";
-constexpr const char* pid_path = "/var/run/q9_korvane_xml_events_d.pid";
-constexpr const char* service_path = "/var/run/q9_korvane_xml_events_d.service";
-constexpr const char* rendermgr_root = "/mnt/main/tv/rendermgr";
+constexpr const char* config_path = DAEMON_CONFIGURATION_PATH;
+constexpr const char* pid_path = DAEMON_PID_PATH;
+constexpr const char* service_path = DAEMON_SERVICE_PATH;
+constexpr const char* rendermgr_root = RENDERMGR_ROOT;
 
 /// Polls `condition` every few milliseconds until it holds or `limit` passes.
 template <typename Condition>

@@ -3,6 +3,8 @@
 #include "packet_peers.h"
 #include "tool_process.h"
 
+#include "fixed_paths.h"
+
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -22,7 +24,7 @@ using q9tools::SeenPacket;
 using q9tools::ToolProcess;
 using q9tools::ToolResult;
 
-const char* const kServicePath = "/var/run/q9_korvane_xml_events_d.service";
+const char* const kServicePath = DAEMON_SERVICE_PATH;
 
 ToolResult ctl(const std::vector<std::string>& args)
 {

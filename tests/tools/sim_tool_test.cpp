@@ -3,6 +3,7 @@
 #include "packet_peers.h"
 #include "tool_process.h"
 
+#include "fixed_paths.h"
 #include "q9mi.h"
 
 #include <sys/stat.h>
@@ -20,8 +21,8 @@ using q9tools::SeenPacket;
 using q9tools::ToolProcess;
 using q9tools::ToolResult;
 
-const std::string kChannel1 = "/mnt/main/tv/rendermgr/channel1/.media.item.active.socket";
-const std::string kChannel2 = "/mnt/main/tv/rendermgr/channel2/.media.item.active.socket";
+const std::string kChannel1 = RENDERMGR_ROOT + std::string("/channel1") + RENDERMGR_SOCKET_SUFFIX;
+const std::string kChannel2 = RENDERMGR_ROOT + std::string("/channel2") + RENDERMGR_SOCKET_SUFFIX;
 const uint8_t kRequestFlags = COMM_SOCKET_V4_REPLY_WANTED | COMM_SOCKET_V4_MODE_BIT;
 
 ToolResult sim(const std::vector<std::string>& args)

@@ -1,6 +1,17 @@
 #include "common/stop_signals.h"
 
-sigset_t catch_stop_signals(void (*handler)(int))
+volatile sig_atomic_t stop_requested = 0;
+
+namespace {
+
+void request_stop(int)
+{
+    stop_requested = 1;
+}
+
+}  // namespace
+
+sigset_t catch_stop_signals()
 {
     sigset_t stop_signals;
     sigset_t wait_mask;
@@ -10,7 +21,7 @@ sigset_t catch_stop_signals(void (*handler)(int))
     sigprocmask(SIG_BLOCK, &stop_signals, &wait_mask);
     sigdelset(&wait_mask, SIGINT);
     sigdelset(&wait_mask, SIGTERM);
-    signal(SIGINT, handler);
-    signal(SIGTERM, handler);
+    signal(SIGINT, request_stop);
+    signal(SIGTERM, request_stop);
     return wait_mask;
 }

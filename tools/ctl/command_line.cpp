@@ -94,16 +94,9 @@ const SubCommand kSubCommands[] = {
     {"trigger", CtlAction::Trigger, kTriggerHelp},
 };
 
-bool is_help(const std::string& arg)
-{
-    return arg == "--help" || arg == "-h";
-}
-
 std::string usage_error(const char* sub_command, const std::string& message)
 {
-    std::string where = sub_command ? std::string(" ") + sub_command : std::string();
-    return std::string(kProgram) + ":" + where + (sub_command ? ": " : " ") + message + "\n" +
-           "Try '" + kProgram + where + " --help'.\n";
+    return ::usage_error(kProgram, sub_command, message);
 }
 
 // Walks the arguments of one sub-command; `text` collects the error.

@@ -1,6 +1,8 @@
 // Command line of the operator's client: one sub-command and its options.
 #pragma once
 
+#include "common/usage.h"
+
 #include <optional>
 #include <string>
 #include <utility>
@@ -31,13 +33,6 @@ struct CtlInvocation {
     bool one_line = false;                ///< trigger: send the single line ONE LINE TRIGGER
     std::string command = "TRIGGER";      ///< trigger: the message's first line
     NameValueList pairs;                  ///< trigger: the message's NAME=VALUE lines
-};
-
-/// What the caller does after parsing.
-enum class ParseOutcome {
-    Run,         ///< `invocation` is filled
-    Help,        ///< print `text` on stdout, exit 0
-    UsageError,  ///< print `text` on stderr, exit CTL_EXIT_USAGE
 };
 
 /// Parses the arguments after the program name.  `text` receives the help

@@ -7,19 +7,12 @@
 
 #include "appliance_util.h"
 #include "comm_packet_reader.h"
+#include "fixed_paths.h"
 
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 
 namespace {
-
-volatile sig_atomic_t stop_requested = 0;
-
-void request_stop(int)
-{
-    stop_requested = 1;
-}
 
 int fail(int status, const std::string& message)
 {
@@ -30,7 +23,7 @@ int fail(int status, const std::string& message)
 int connect_service(ServiceConnection& connection)
 {
     std::string error;
-    int status = connection.open(service_socket_path, monotonic_clock_us() + kServiceTimeoutUs,
+    int status = connection.open(DAEMON_SERVICE_PATH, monotonic_clock_us() + kServiceTimeoutUs,
                                  &error);
     if (status != CTL_EXIT_OK)
         fail(status, error);
@@ -82,7 +75,7 @@ int listen_for_triggers(ServiceConnection& connection, bool json, const sigset_t
 
 int run_listen(const CtlInvocation& invocation)
 {
-    sigset_t wait_mask = catch_stop_signals(request_stop);
+    sigset_t wait_mask = catch_stop_signals();
 
     ServiceConnection connection;
     int status = connect_service(connection);
@@ -118,16 +111,11 @@ int main(int argc, char** argv)
 {
     CtlInvocation invocation;
     std::string text;
-    switch (parse_command_line(std::vector<std::string>(argv + 1, argv + argc), &invocation, &text)) {
-    case ParseOutcome::Help:
-        fputs(text.c_str(), stdout);
-        return CTL_EXIT_OK;
-    case ParseOutcome::UsageError:
-        fputs(text.c_str(), stderr);
-        return CTL_EXIT_USAGE;
-    case ParseOutcome::Run:
-        break;
-    }
+    int status;
+    if (answered_without_running(
+            parse_command_line(std::vector<std::string>(argv + 1, argv + argc), &invocation, &text),
+            text, CTL_EXIT_USAGE, &status))
+        return status;
     switch (invocation.action) {
     case CtlAction::Listen:
         return run_listen(invocation);

@@ -1,6 +1,7 @@
 #include "ctl/output.h"
 
 #include "comm_packet_reader.h"
+#include "common/printable.h"
 
 #include <nlohmann/json.hpp>
 
@@ -28,13 +29,8 @@ std::string escaped(unsigned char c)
     case '\t':
         return "\\t";
     default:
-        break;
+        return printable_byte(c);
     }
-    if (c >= 0x20 && c != 0x7f)
-        return std::string(1, static_cast<char>(c));
-    char hex[5];
-    snprintf(hex, sizeof hex, "\\x%02x", c);
-    return hex;
 }
 
 std::string pair_line(const comm_socket_v4_packet* packet, size_t index)

@@ -10,8 +10,6 @@
 #include <cerrno>
 #include <cstring>
 
-const char* const service_socket_path = "/var/run/q9_korvane_xml_events_d.service";
-
 namespace {
 
 // The library offers no way to be woken by a packet, so waits look again at

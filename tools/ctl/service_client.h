@@ -10,9 +10,6 @@
 #include <memory>
 #include <string>
 
-/// Where the daemon's local command service listens (a fixed path of the
-/// daemon's, which it offers no way to move).
-extern const char* const service_socket_path;
 /// How long the client waits for the daemon: to connect, and for a reply.
 constexpr uint64_t kServiceTimeoutUs = 5000000;
 

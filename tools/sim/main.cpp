@@ -4,13 +4,12 @@
 #include "sim/packet_service.h"
 #include "sim/simulators.h"
 
-#include "q9mi.h"
+#include "fixed_paths.h"
 
 #include <poll.h>
 #include <sys/stat.h>
 
 #include <cerrno>
-#include <csignal>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -20,13 +19,6 @@ namespace {
 // New peers wake the loop at once; requests of connected peers are noticed
 // at this interval, since the library keeps their sockets to itself.
 const long kServeIntervalNs = 20000000;
-
-volatile sig_atomic_t stop_requested = 0;
-
-void request_stop(int)
-{
-    stop_requested = 1;
-}
 
 void log_line(const std::string& line)
 {
@@ -99,19 +91,14 @@ int main(int argc, char** argv)
 {
     SimInvocation invocation;
     std::string text;
-    switch (parse_sim_command_line(std::vector<std::string>(argv + 1, argv + argc), &invocation,
-                                   &text)) {
-    case SimParseOutcome::Help:
-        fputs(text.c_str(), stdout);
-        return SIM_EXIT_OK;
-    case SimParseOutcome::UsageError:
-        fputs(text.c_str(), stderr);
-        return SIM_EXIT_USAGE;
-    case SimParseOutcome::Run:
-        break;
-    }
+    int status;
+    if (answered_without_running(
+            parse_sim_command_line(std::vector<std::string>(argv + 1, argv + argc), &invocation,
+                                   &text),
+            text, SIM_EXIT_USAGE, &status))
+        return status;
 
-    sigset_t wait_mask = catch_stop_signals(request_stop);
+    sigset_t wait_mask = catch_stop_signals();
 
     Services services;
     std::string error;

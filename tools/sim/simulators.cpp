@@ -2,6 +2,7 @@
 
 #include "metadata_v4.h"
 #include "comm_packet_reader.h"
+#include "common/printable.h"
 
 #include <algorithm>
 #include <climits>
@@ -46,14 +47,7 @@ const char* const kMediaitemHelp =
 
 std::string usage_error(const char* program, const std::string& message)
 {
-    std::string where = program ? std::string(" ") + program : std::string();
-    return std::string("q9_appliance_sim:") + where + (program ? ": " : " ") + message + "\n" +
-           "Try 'q9_appliance_sim" + where + " --help'.\n";
-}
-
-bool is_help(const std::string& arg)
-{
-    return arg == "--help" || arg == "-h";
+    return ::usage_error("q9_appliance_sim", program, message);
 }
 
 // A channel number as the daemon finds it: decimal, from 1 to INT_MAX.
@@ -68,7 +62,7 @@ bool parse_channel(const std::string& text, int* channel)
     return true;
 }
 
-SimParseOutcome parse_rendermgr(const std::vector<std::string>& args, SimInvocation* invocation,
+ParseOutcome parse_rendermgr(const std::vector<std::string>& args, SimInvocation* invocation,
                                 std::string* text)
 {
     bool options_ended = false;
@@ -76,73 +70,57 @@ SimParseOutcome parse_rendermgr(const std::vector<std::string>& args, SimInvocat
         const std::string& arg = args[i];
         if (!options_ended && is_help(arg)) {
             *text = kRendermgrHelp;
-            return SimParseOutcome::Help;
+            return ParseOutcome::Help;
         }
         if (!options_ended && arg == "--") {
             options_ended = true;
         } else if (!options_ended && (arg == "--root" || arg.compare(0, 7, "--root=") == 0)) {
             if (arg == "--root" && ++i == args.size()) {
                 *text = usage_error("rendermgr", "option --root needs a value");
-                return SimParseOutcome::UsageError;
+                return ParseOutcome::UsageError;
             }
             invocation->root = arg == "--root" ? args[i] : arg.substr(7);
             if (invocation->root.empty()) {
                 *text = usage_error("rendermgr", "--root must not be empty");
-                return SimParseOutcome::UsageError;
+                return ParseOutcome::UsageError;
             }
         } else if (!options_ended && arg[0] == '-') {
             *text = usage_error("rendermgr", "unknown option '" + arg + "'");
-            return SimParseOutcome::UsageError;
+            return ParseOutcome::UsageError;
         } else {
             int channel = 0;
             if (!parse_channel(arg, &channel)) {
                 *text = usage_error("rendermgr", "CHANNEL must be a number from 1 to " +
                                                      std::to_string(INT_MAX) + ", not '" + arg + "'");
-                return SimParseOutcome::UsageError;
+                return ParseOutcome::UsageError;
             }
             std::vector<int>& channels = invocation->channels;
             if (std::find(channels.begin(), channels.end(), channel) != channels.end()) {
                 *text = usage_error("rendermgr", "channel " + std::to_string(channel) +
                                                      " given twice");
-                return SimParseOutcome::UsageError;
+                return ParseOutcome::UsageError;
             }
             channels.push_back(channel);
         }
     }
     if (invocation->channels.empty()) {
         *text = usage_error("rendermgr", "no CHANNEL given");
-        return SimParseOutcome::UsageError;
+        return ParseOutcome::UsageError;
     }
-    return SimParseOutcome::Run;
+    return ParseOutcome::Run;
 }
 
-SimParseOutcome parse_mediaitem(const std::vector<std::string>& args, std::string* text)
+ParseOutcome parse_mediaitem(const std::vector<std::string>& args, std::string* text)
 {
     if (args.size() == 1)
-        return SimParseOutcome::Run;
+        return ParseOutcome::Run;
     if (is_help(args[1])) {
         *text = kMediaitemHelp;
-        return SimParseOutcome::Help;
+        return ParseOutcome::Help;
     }
     *text = usage_error("mediaitem", args[1][0] == '-' ? "unknown option '" + args[1] + "'"
                                                        : "takes no arguments, got '" + args[1] + "'");
-    return SimParseOutcome::UsageError;
-}
-
-// Logged texts stay on their line whatever bytes they hold.
-std::string printable(const char* text)
-{
-    std::string shown;
-    for (const unsigned char* c = reinterpret_cast<const unsigned char*>(text); *c; ++c) {
-        if (*c >= 0x20 && *c != 0x7f) {
-            shown += static_cast<char>(*c);
-            continue;
-        }
-        char hex[5];
-        snprintf(hex, sizeof hex, "\\x%02x", *c);
-        shown += hex;
-    }
-    return shown;
+    return ParseOutcome::UsageError;
 }
 
 std::string generic_line(const comm_socket_v4_packet* request)
@@ -155,17 +133,17 @@ std::string generic_line(const comm_socket_v4_packet* request)
 
 }  // namespace
 
-SimParseOutcome parse_sim_command_line(const std::vector<std::string>& args,
+ParseOutcome parse_sim_command_line(const std::vector<std::string>& args,
                                        SimInvocation* invocation, std::string* text)
 {
     *invocation = SimInvocation();
     if (args.empty()) {
         *text = usage_error(nullptr, "no PROGRAM given");
-        return SimParseOutcome::UsageError;
+        return ParseOutcome::UsageError;
     }
     if (is_help(args[0])) {
         *text = kMainHelp;
-        return SimParseOutcome::Help;
+        return ParseOutcome::Help;
     }
     if (args[0] == "rendermgr") {
         invocation->program = SimProgram::Rendermgr;
@@ -177,7 +155,7 @@ SimParseOutcome parse_sim_command_line(const std::vector<std::string>& args,
     }
     *text = usage_error(nullptr, (args[0][0] == '-' ? "unknown option '" : "unknown program '") +
                                      args[0] + "'");
-    return SimParseOutcome::UsageError;
+    return ParseOutcome::UsageError;
 }
 
 std::string channel_directory(const std::string& root, int channel)
@@ -190,7 +168,7 @@ std::string channel_socket_path(const std::string& root, int channel)
     std::string directory = channel_directory(root, channel);
     std::vector<char> metadir(directory.size() + 4096);
     metadata_v4_file_to_metadir(metadir.data(), metadir.size(), directory.c_str());
-    return std::string(metadir.data()) + "/.media.item.active.socket";
+    return std::string(metadir.data()) + RENDERMGR_SOCKET_SUFFIX;
 }
 
 std::string rendermgr_log_line(int channel, const comm_socket_v4_packet* request)

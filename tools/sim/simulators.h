@@ -2,13 +2,13 @@
 // writes for a request it receives.
 #pragma once
 
+#include "common/usage.h"
+
 #include "comm_socket_v4.h"
+#include "fixed_paths.h"
 
 #include <string>
 #include <vector>
-
-/// Where simulated render managers make their channel directories unless told.
-constexpr const char* kDefaultRendermgrRoot = "/mnt/main/tv/rendermgr";
 
 /// Exit statuses of the simulator.
 enum SimExitStatus { SIM_EXIT_OK = 0, SIM_EXIT_FAILED = 1, SIM_EXIT_USAGE = 2 };
@@ -19,20 +19,13 @@ enum class SimProgram { Rendermgr, Mediaitem };
 /// A parsed command line.
 struct SimInvocation {
     SimProgram program = SimProgram::Mediaitem;
-    std::string root = kDefaultRendermgrRoot;  ///< rendermgr: the channel root
+    std::string root = RENDERMGR_ROOT;  ///< rendermgr: the channel root
     std::vector<int> channels;                 ///< rendermgr: channel numbers, as given
-};
-
-/// What the caller does after parsing.
-enum class SimParseOutcome {
-    Run,         ///< `invocation` is filled
-    Help,        ///< print `text` on stdout, exit 0
-    UsageError,  ///< print `text` on stderr, exit SIM_EXIT_USAGE
 };
 
 /// Parses the arguments after the program name.  `text` receives the help
 /// text or the complete error message, both ending in a newline.
-SimParseOutcome parse_sim_command_line(const std::vector<std::string>& args,
+ParseOutcome parse_sim_command_line(const std::vector<std::string>& args,
                                        SimInvocation* invocation, std::string* text);
 
 /// The socket path of channel `channel`'s render manager under `root`, made

@@ -2,9 +2,7 @@
 #pragma once
 
 #include "comm_socket_v4.h"
-
-/// Path of the appliance's media-item service socket.
-constexpr const char* Q9MI_SERVICE_PATH = "/var/run/q9mi.service";
+#include "fixed_paths.h"  // Q9MI_SERVICE_PATH, where the service listens
 
 /// Asks the media-item service to start the item `name`: one "start"
 /// request (mode bit set, no reply wanted).  Never waits: 0 once the whole

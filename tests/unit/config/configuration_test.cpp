@@ -2,6 +2,7 @@
 
 #include "daemon/lifecycle.h"
 #include "daemon/process_state.h"
+#include "fixed_paths.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -23,7 +24,7 @@ namespace {
 using testing::AnyOf;
 using testing::Eq;
 
-constexpr const char* path = "/etc/q9_korvane_xml_events_d.toml";
+constexpr const char* path = DAEMON_CONFIGURATION_PATH;
 constexpr const char* unterminated_header =
     "Unterminated table declaration; did you forget a ']'? at line 1\n";
 

@@ -1,6 +1,7 @@
 #include "config/configuration.h"
 #include "daemon/lifecycle.h"
 #include "daemon/process_state.h"
+#include "fixed_paths.h"
 
 #include <gtest/gtest.h>
 
@@ -15,7 +16,7 @@ protected:
     {
         reload_config = 0;
         configuration.clear();
-        configuration_path = "/etc/q9_korvane_xml_events_d.toml";
+        configuration_path = DAEMON_CONFIGURATION_PATH;
     }
     void TearDown() override
     {
@@ -25,7 +26,7 @@ protected:
 
     static void write(const std::string& content)
     {
-        std::ofstream("/etc/q9_korvane_xml_events_d.toml", std::ios::trunc) << content;
+        std::ofstream(DAEMON_CONFIGURATION_PATH, std::ios::trunc) << content;
     }
 
     std::string reload()

@@ -6,6 +6,7 @@
 
 #include "appliance_util.h"
 #include "comm_socket_v4.h"
+#include "fixed_paths.h"
 #include "rendermgr/channels.h"
 
 #include <algorithm>
@@ -20,13 +21,13 @@
 /// "/mnt/main/tv/rendermgr/channelN".
 inline std::string channel_dir(int channel)
 {
-    return "/mnt/main/tv/rendermgr/channel" + std::to_string(channel);
+    return RENDERMGR_ROOT + std::string("/channel") + std::to_string(channel);
 }
 
 /// The socket path the daemon connects to for `channel`.
 inline std::string channel_socket(int channel)
 {
-    return channel_dir(channel) + "/.media.item.active.socket";
+    return channel_dir(channel) + RENDERMGR_SOCKET_SUFFIX;
 }
 
 /// Removes the channel's socket file and its directory.
