@@ -30,18 +30,29 @@ int connect_service(ServiceConnection& connection)
     return status;
 }
 
-int run_request(const CtlInvocation& invocation)
+// Connects and sends one request, waiting for its reply; the exit status,
+// its message already written when it is not CTL_EXIT_OK.
+int ask_daemon(ServiceConnection& connection, const char* command, const NameValueList& pairs,
+               PacketPtr* reply)
 {
-    ServiceConnection connection;
     int status = connect_service(connection);
     if (status != CTL_EXIT_OK)
         return status;
-    PacketPtr reply;
     std::string error;
-    status = request_reply(connection, service_command_word(invocation.action),
-                           registration_pairs(invocation), &reply, &error);
+    status = request_reply(connection, command, pairs, reply, &error);
     if (status != CTL_EXIT_OK)
-        return fail(status, error);
+        fail(status, error);
+    return status;
+}
+
+int run_request(const CtlInvocation& invocation)
+{
+    ServiceConnection connection;
+    PacketPtr reply;
+    int status = ask_daemon(connection, service_command_word(invocation.action),
+                            registration_pairs(invocation), &reply);
+    if (status != CTL_EXIT_OK)
+        return status;
     fputs(format_reply(reply.get()).c_str(), stdout);
     return reply_succeeded(reply.get()) ? CTL_EXIT_OK : CTL_EXIT_FAILED;
 }
@@ -78,14 +89,10 @@ int run_listen(const CtlInvocation& invocation)
     sigset_t wait_mask = catch_stop_signals();
 
     ServiceConnection connection;
-    int status = connect_service(connection);
+    PacketPtr reply;
+    int status = ask_daemon(connection, "register", {{"triggers", "*"}}, &reply);
     if (status != CTL_EXIT_OK)
         return status;
-    PacketPtr reply;
-    std::string error;
-    status = request_reply(connection, "register", {{"triggers", "*"}}, &reply, &error);
-    if (status != CTL_EXIT_OK)
-        return fail(status, error);
     if (!reply_succeeded(reply.get())) {
         fputs(format_reply(reply.get()).c_str(), stderr);
         return fail(CTL_EXIT_FAILED, "the daemon refused the registration for triggers");
