@@ -2,6 +2,8 @@
 #include "harness.h"
 #include "tool_process.h"
 
+#include "fixed_paths.h"
+
 #include <gtest/gtest.h>
 
 #include <csignal>
@@ -106,7 +108,7 @@ TEST_F(CtlWithDaemon, ListenerEndsWithOneWhenTheDaemonStops)
 TEST_F(CtlWithDaemon, TriggerStartsTheRegisteredItemsInTheMediaItemSimulator)
 {
     ToolProcess mediaitem(Q9_SIM_BINARY, {"mediaitem"});
-    ASSERT_TRUE(q9tools::wait_until([] { return q9tools::path_exists("/var/run/q9mi.service"); }));
+    ASSERT_TRUE(q9tools::wait_until([] { return q9tools::path_exists(Q9MI_SERVICE_PATH); }));
     ASSERT_EQ(0, ctl({"register", "--target", "clip"}).status);
     ASSERT_EQ(0, ctl({"register", "--target", "bumper"}).status);
     EXPECT_EQ(0, ctl({"trigger"}).status);

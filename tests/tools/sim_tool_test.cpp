@@ -84,7 +84,7 @@ TEST(RendermgrSim, RequestWithoutReplyWantedIsLoggedButNotAnswered)
 TEST(RendermgrSim, MakesTheChannelDirectoriesUnderTheRoot)
 {
     ToolProcess simulator(Q9_SIM_BINARY, {"rendermgr", "--root", "/run/sim/root", "3"});
-    ASSERT_TRUE(wait_for_path("/run/sim/root/channel3/.media.item.active.socket"));
+    ASSERT_TRUE(wait_for_path(std::string("/run/sim/root/channel3") + RENDERMGR_SOCKET_SUFFIX));
     struct stat st;
     ASSERT_EQ(0, stat("/run/sim/root/channel3", &st));
     EXPECT_TRUE(S_ISDIR(st.st_mode));

@@ -50,7 +50,7 @@ inline void clear_channel_root()
         if (name == "." || name == "..")
             continue;
         std::string path = std::string(rendermgr_root) + "/" + name;
-        unlink((path + "/.media.item.active.socket").c_str());
+        unlink((path + RENDERMGR_SOCKET_SUFFIX).c_str());
         if (rmdir(path.c_str()) != 0)
             unlink(path.c_str());
     }
