@@ -7,7 +7,9 @@
 // so the spread seen here is the daemon's sending plus this thread's own
 // reading.  The daemon runs with the pass probe, whose per-pass work time
 // bounds the daemon's part from above.
-#include "bench_support.h"
+#include "peers.h"
+#include "probes.h"
+#include "stats.h"
 
 #include <sys/socket.h>
 
@@ -35,11 +37,11 @@ int main(int argc, char** argv)
         if (strcmp(argv[i], "--triggers") == 0)
             triggers = atoi(argv[i + 1]);
     }
-    write_minimal_config();
+    q9test::write_config(q9test::minimal_config());
     std::string probe_path = probe_file("fanout");
     ProbeReader probe(probe_path);
     auto daemon = start_probed_daemon(probe_path);
-    if (!wait_daemon_ready()) {
+    if (!daemon->wait_until_running(daemon_limit)) {
         fprintf(stderr, "fanout: the daemon did not come up\n");
         return 1;
     }
@@ -104,6 +106,6 @@ int main(int argc, char** argv)
     if (spread.incomplete > 0)
         printf("%d triggers did not reach all %zu clients within 5 s.\n\n", spread.incomplete,
                listeners);
-    stop_daemon(*daemon);
+    daemon->stop(daemon_limit);
     return 0;
 }

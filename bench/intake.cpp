@@ -8,7 +8,9 @@
 // daemon runs with the pass probe preloaded, which marks the pass borders;
 // the counts are taken right at a border, while the daemon sleeps and reads
 // nothing, so bytes per pass are exact.
-#include "bench_support.h"
+#include "peers.h"
+#include "probes.h"
+#include "stats.h"
 
 #include <cstdio>
 #include <cstring>
@@ -31,11 +33,11 @@ struct Load {
 
 void measure(const Load& load, const Options& options, Table& per_connection, Table& passes)
 {
-    write_minimal_config();
+    q9test::write_config(q9test::minimal_config());
     std::string probe_path = probe_file("intake");
     ProbeReader probe(probe_path);
     auto daemon = start_probed_daemon(probe_path);
-    if (!wait_daemon_ready()) {
+    if (!daemon->wait_until_running(daemon_limit)) {
         fprintf(stderr, "intake: the daemon did not come up\n");
         return;
     }
@@ -66,7 +68,7 @@ void measure(const Load& load, const Options& options, Table& per_connection, Ta
     passes.add({load.name, grouped(window.passes), fixed(window.elapsed_us / window.passes / 1000, 2),
                 fixed(work.p50 / 1000, 2), fixed(work.max / 1000, 2), fixed(calls.p50, 0),
                 grouped(intake.answered())});
-    stop_daemon(*daemon);
+    daemon->stop(daemon_limit);
 }
 
 }  // namespace

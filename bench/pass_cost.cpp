@@ -11,7 +11,9 @@
 // heap allocation, giving each pass's own figures.  The probe's own work per
 // pass (four clock reads) is part of what it measures; the difference of the
 // two idle rows shows how much that is.
-#include "bench_support.h"
+#include "peers.h"
+#include "probes.h"
+#include "stats.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -68,9 +70,9 @@ std::vector<std::string> kernel_cells(const PassWindow& window, uint64_t passes)
 // The unmodified daemon, idle: only the kernel's figures.
 std::vector<std::string> idle_unprobed(const Options& options)
 {
-    write_minimal_config();
+    q9test::write_config(q9test::minimal_config());
     q9test::Daemon daemon;
-    wait_daemon_ready();
+    daemon.wait_until_running(daemon_limit);
     sleep_ms(1000);
     PassWindow window;
     ProcUsage before = proc_usage(daemon.pid());
@@ -81,7 +83,7 @@ std::vector<std::string> idle_unprobed(const Options& options)
     window.usage.runtime_ns = after.runtime_ns - before.runtime_ns;
     window.usage.ticks = after.ticks - before.ticks;
     uint64_t passes = after.voluntary_switches - before.voluntary_switches;
-    stop_daemon(daemon);
+    daemon.stop(daemon_limit);
     std::vector<std::string> row = {"idle, without probe"};
     auto kernel = kernel_cells(window, passes);
     row.insert(row.end(), kernel.begin(), kernel.end());
@@ -94,11 +96,11 @@ template <typename Load>
 std::vector<std::string> probed(const std::string& name, const Options& options, bool idle,
                                 Load load)
 {
-    write_minimal_config();
+    q9test::write_config(q9test::minimal_config());
     std::string probe_path = probe_file("pass_cost");
     ProbeReader probe(probe_path);
     auto daemon = start_probed_daemon(probe_path);
-    wait_daemon_ready();
+    daemon->wait_until_running(daemon_limit);
     std::vector<std::string> row = {name};
     load(*daemon, [&](const FullIntake* intake) {
         probe.wait_passes(probe.passes(), 4);
@@ -110,7 +112,7 @@ std::vector<std::string> probed(const std::string& name, const Options& options,
         auto inside = probe_cells(window);
         row.insert(row.end(), inside.begin(), inside.end());
     });
-    stop_daemon(*daemon);
+    daemon->stop(daemon_limit);
     return row;
 }
 
@@ -208,7 +210,7 @@ int main(int argc, char** argv)
     std::vector<std::string> channel_args = {"rendermgr"};
     for (int channel = 1; channel <= channels; ++channel)
         channel_args.push_back(std::to_string(channel));
-    pid_t simulator = start_simulator(channel_args);
+    auto simulator = start_simulator(channel_args);
     std::string last_socket = std::string(q9test::rendermgr_root) + "/channel" +
                               std::to_string(channels) + "/.media.item.active.socket";
     q9test::wait_until([&] { return access(last_socket.c_str(), F_OK) == 0; });
@@ -219,7 +221,8 @@ int main(int argc, char** argv)
                      [](q9test::Daemon& daemon, auto measure) {
                          under_load(daemon, "ONE LINE TRIGGER\n", measure);
                      }));
-    stop_simulator(simulator);
+    simulator->signal(SIGTERM);
+    simulator->wait_exit();
 
     heading("Cost of a pass",
             "CPU time of the daemon per pass of its main loop, and heap allocations per pass. "

@@ -16,7 +16,9 @@
 // identity, but the daemon starts the item of each trigger before it
 // notifies, and both arrive in the daemon's order, so the k-th start belongs
 // to the trigger of the k-th notify.
-#include "bench_support.h"
+#include "peers.h"
+#include "probes.h"
+#include "stats.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -219,10 +221,10 @@ Reach message_run(const Form& form, int triggers, bool closed, double gap_ms,
 int main(int argc, char** argv)
 {
     Options options = parse(argc, argv);
-    write_minimal_config();
+    q9test::write_config(q9test::minimal_config());
     MediaItemService media;
     q9test::Daemon daemon;
-    if (!media.listening() || !wait_daemon_ready()) {
+    if (!media.listening() || !daemon.wait_until_running(daemon_limit)) {
         fprintf(stderr, "trigger_latency: the daemon or the media-item service did not come up\n");
         return 1;
     }
@@ -288,6 +290,6 @@ int main(int argc, char** argv)
     add_summary_row(burst, "`ONE LINE TRIGGER`, all", burst_one_line.round_trips());
     burst.print();
 
-    stop_daemon(daemon);
+    daemon.stop(daemon_limit);
     return 0;
 }

@@ -1,6 +1,11 @@
 // Start-up of the daemon as an operator or an init script sees it: texts on
 // stderr, exit statuses, the PID file and syslog.
-#include "harness.h"
+
+#include "daemon.h"
+#include "files.h"
+#include "sandbox_syslog.h"
+#include "text.h"
+#include "waiting.h"
 
 #include <gtest/gtest.h>
 

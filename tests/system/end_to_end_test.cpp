@@ -1,9 +1,13 @@
 // A trigger's whole road through the daemon: the TCP message, the media
 // items started at the media-item service, the notification of the local
 // listeners, and the acknowledgement back to the TCP peer, in that order.
-#include "harness.h"
-#include "tool_process.h"
 
+#include "daemon.h"
+#include "packet_peers.h"
+#include "packets.h"
+#include "process.h"
+#include "tcp.h"
+#include "waiting.h"
 #include "q9mi.h"
 #include "rendermgr/packet_view.h"
 
@@ -94,7 +98,7 @@ private:
 // Registers the persistent media items `names` through a short-lived client.
 void register_items(const std::vector<std::string>& names)
 {
-    ServiceClient client;
+    PacketClient client;
     for (const std::string& name : names) {
         Packet reply;
         ASSERT_TRUE(client.request(reply, "register", {{"target", name}}));
@@ -103,9 +107,9 @@ void register_items(const std::vector<std::string>& names)
 }
 
 // A client registered for all triggers.
-std::unique_ptr<ServiceClient> listener()
+std::unique_ptr<PacketClient> listener()
 {
-    auto client = std::make_unique<ServiceClient>();
+    auto client = std::make_unique<PacketClient>();
     Packet reply;
     EXPECT_TRUE(client->request(reply, "register", {{"triggers", "*"}}));
     EXPECT_EQ(reply.status, "OK");
@@ -114,7 +118,7 @@ std::unique_ptr<ServiceClient> listener()
 
 // The next packet that has already reached `client`; an empty packet when
 // none has.
-Packet already_received(ServiceClient& client)
+Packet already_received(PacketClient& client)
 {
     Packet packet;
     client.receive(packet, std::chrono::milliseconds(0));
@@ -132,10 +136,10 @@ protected:
 
     // Starts the media-item simulator and waits until it takes requests;
     // the request that shows this is logged as "start probe".
-    std::unique_ptr<q9tools::ToolProcess> start_simulator()
+    std::unique_ptr<q9test::ToolProcess> start_simulator()
     {
         auto simulator =
-            std::make_unique<q9tools::ToolProcess>(Q9_SIM_BINARY, std::vector<std::string>{"mediaitem"});
+            std::make_unique<q9test::ToolProcess>(Q9_SIM_BINARY, std::vector<std::string>{"mediaitem"});
         EXPECT_TRUE(wait_until([] { return q9mi_start_item("probe") == 0; }));
         return simulator;
     }
@@ -218,7 +222,7 @@ int stuck_listener()
     const uint8_t wants_reply = COMM_SOCKET_V4_REPLY_WANTED | COMM_SOCKET_V4_MODE_BIT;
     std::string registration = request_frame(wants_reply, "register", {{"triggers", "*"}});
     std::string question = request_frame(wants_reply, std::string(4 << 20, 'Q'));
-    int fd = raw_service_connection();
+    int fd = connect_unix(service_path);
     auto send_all = [fd](const std::string& bytes) {
         return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
     };

@@ -1,7 +1,12 @@
 // The TCP trigger service seen from outside: real TCP peers on port 9876,
 // the exact bytes they get back, and what the daemon reports on stderr and
 // syslog about them.
-#include "harness.h"
+
+#include "daemon.h"
+#include "sandbox_syslog.h"
+#include "tcp.h"
+#include "text.h"
+#include "waiting.h"
 
 #include <gtest/gtest.h>
 

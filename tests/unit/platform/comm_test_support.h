@@ -6,6 +6,7 @@
 #include "appliance_util.h"
 #include "comm_socket_v4.h"
 #include "frame.h"
+#include "waiting.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -20,17 +21,7 @@
 
 constexpr const char* TEST_SOCKET = "/var/run/comm_test.socket";
 
-/// Polls `condition` until it holds or 10 s have passed.
-inline bool wait_until(const std::function<bool()>& condition)
-{
-    uint64_t deadline = monotonic_clock_us() + 10000000;
-    while (!condition()) {
-        if (monotonic_clock_us() > deadline)
-            return false;
-        usleep(1000);
-    }
-    return true;
-}
+using q9test::wait_until;
 
 /// A message as its parts, to build packets and to compare received ones.
 struct Message {

@@ -6,7 +6,9 @@
 
 #include "appliance_util.h"
 #include "comm_socket_v4.h"
+#include "proc.h"
 #include "rendermgr/channels.h"
+#include "waiting.h"
 
 #include <algorithm>
 #include <dirent.h>
@@ -66,28 +68,8 @@ inline void reset_channels()
     clear_channel_root();
 }
 
-/// Calls `step` until it returns true or 5 s have passed; true on success.
-inline bool wait_for(const std::function<bool()>& step)
-{
-    uint64_t deadline = monotonic_clock_us() + 5000000;
-    while (!step()) {
-        if (monotonic_clock_us() > deadline)
-            return false;
-        usleep(1000);
-    }
-    return true;
-}
-
-/// Number of descriptors open in this process.
-inline int open_descriptor_count()
-{
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (const dirent* entry = readdir(dir))
-        count += entry->d_name[0] != '.';
-    closedir(dir);
-    return count;
-}
+using q9test::open_descriptor_count;
+using q9test::wait_until;
 
 /// Bytes that have arrived on socket `fd` and were not read yet.
 inline int unread_bytes(int fd)

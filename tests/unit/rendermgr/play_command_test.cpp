@@ -49,7 +49,7 @@ public:
     /// Collects the report until it holds `text`; false after 5 s.
     bool wait_for_report(const std::string& text, const std::function<void()>& meanwhile)
     {
-        return wait_for([&] {
+        return wait_until([&] {
             meanwhile();
             char chunk[256];
             for (ssize_t got; (got = read(report, chunk, sizeof(chunk))) > 0;)
@@ -126,7 +126,7 @@ protected:
         known_channels_update();
         connect_manage();
         RenderManagerConnection* connection = rendermgr_get_channel(server.channel);
-        bool ready = connection != nullptr && wait_for([&] {
+        bool ready = connection != nullptr && wait_until([&] {
             server.serve();
             connection->idle();
             return connection->open && server.peers.size() == 1;
@@ -137,7 +137,7 @@ protected:
     // Serves until `count` requests have arrived.
     static bool receive(ChannelServer& server, size_t count)
     {
-        return wait_for([&] {
+        return wait_until([&] {
             server.serve();
             return server.received.size() >= count;
         });
@@ -265,12 +265,12 @@ TEST_F(PlayCommandTest, FailedFirstSendStillSendsTheSecondSetting)
     known_channels_update();
     connect_manage();
     RenderManagerConnection* connection = rendermgr_get_channel(6);
-    ASSERT_TRUE(wait_for([&] { connection->idle(); return connection->open; }));
+    ASSERT_TRUE(wait_until([&] { connection->idle(); return connection->open; }));
     // A render manager that lags this far behind makes the library refuse
     // further requests; once it has read what the socket holds, the poll
     // between the settings makes room again.
     ASSERT_TRUE(fill_output(connection->sock));
-    ASSERT_TRUE(wait_for([&] { return unsent_bytes(connection->sock->fd) == 0; }));
+    ASSERT_TRUE(wait_until([&] { return unsent_bytes(connection->sock->fd) == 0; }));
 
     CaptureStderr();
     play_now(connection, "clip");

@@ -250,7 +250,7 @@ TEST_F(ClientNotification, SlowListenerIsWaitedFor)
     EXPECT_EQ(library_calls.sends[0].result, 0);
     EXPECT_GT(library_calls.sends[1].result, 0);
     EXPECT_EQ(library_calls.releases.at(library_calls.sends[0].packet), 1);
-    std::optional<ReceivedPacket> packet;
+    std::optional<q9test::Packet> packet;
     do
         packet = client.receive();
     while (packet && packet->command == "filler");

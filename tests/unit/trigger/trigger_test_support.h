@@ -3,6 +3,7 @@
 #pragma once
 
 #include "trigger/tcp_trigger_client.h"
+#include "waiting.h"
 
 #include <gtest/gtest.h>
 
@@ -21,17 +22,7 @@
 
 namespace trigger_test {
 
-/// Calls `done` until it holds or 10 s have passed; true when it held.
-inline bool wait_until(const std::function<bool()>& done)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
+using q9test::wait_until;
 
 /// Sends all of `text` on `fd`, blocking.
 inline void send_text(int fd, const std::string& text)
