@@ -9,7 +9,9 @@
 // persistent media item are registered, so each trigger takes the whole
 // path.  The clients come in rounds: all of a round connect, register for
 // every trigger, get their reply and hang up.
+#include "files.h"
 #include "peers.h"
+#include "proc.h"
 #include "probes.h"
 #include "stats.h"
 

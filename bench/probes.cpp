@@ -2,6 +2,7 @@
 
 #include "files.h"
 #include "proc.h"
+#include "stats.h"
 
 #include <fcntl.h>
 #include <sys/mman.h>
@@ -39,7 +40,7 @@ long ticks_per_second()
     return sysconf(_SC_CLK_TCK);
 }
 
-ProbeReader::ProbeReaderProbeReader::ProbeReader(const std::string& path)
+ProbeReader::ProbeReader::ProbeReader(const std::string& path)
 {
     int fd = open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
     if (fd < 0)
