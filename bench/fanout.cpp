@@ -7,6 +7,7 @@
 // so the spread seen here is the daemon's sending plus this thread's own
 // reading.  The daemon runs with the pass probe, whose per-pass work time
 // bounds the daemon's part from above.
+#include "command_line.h"
 #include "peers.h"
 #include "probes.h"
 #include "stats.h"
@@ -32,19 +33,12 @@ struct Spread {
 
 int main(int argc, char** argv)
 {
-    int triggers = 100;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (strcmp(argv[i], "--triggers") == 0)
-            triggers = atoi(argv[i + 1]);
-    }
-    q9test::write_config(q9test::minimal_config());
+    int triggers = static_cast<int>(option(argc, argv, "triggers", 100));
     std::string probe_path = probe_file("fanout");
     ProbeReader probe(probe_path);
     auto daemon = start_probed_daemon(probe_path);
-    if (!daemon->wait_until_running(daemon_limit)) {
-        fprintf(stderr, "fanout: the daemon did not come up\n");
+    if (!daemon)
         return 1;
-    }
     ListenerGroup group(listeners);
     TriggerConnection connection;
     if (!group.ready() || !connection.connected()) {

@@ -9,6 +9,7 @@
 // workload's figure is its count less the idle passes it spanned, divided by
 // its units of work.  Only user-space instructions are counted: the kernel's
 // work in the system calls is not.
+#include "command_line.h"
 #include "peers.h"
 #include "probes.h"
 #include "stats.h"
@@ -77,11 +78,7 @@ Count count_instructions(const std::string& name, Workload workload)
 
 int main(int argc, char** argv)
 {
-    int idle_passes = 20;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (strcmp(argv[i], "--idle-passes") == 0)
-            idle_passes = atoi(argv[i + 1]);
-    }
+    int idle_passes = static_cast<int>(option(argc, argv, "idle-passes", 20));
     Table table({"workload", "passes", "instructions", "per unit", "unit"});
     Count idle = count_instructions("idle", [&] { sleep_ms(idle_passes * 250.0); });
     double per_idle_pass = idle.passes ? static_cast<double>(idle.instructions) / idle.passes : 0;

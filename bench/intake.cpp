@@ -8,6 +8,7 @@
 // daemon runs with the pass probe preloaded, which marks the pass borders;
 // the counts are taken right at a border, while the daemon sleeps and reads
 // nothing, so bytes per pass are exact.
+#include "command_line.h"
 #include "peers.h"
 #include "probes.h"
 #include "stats.h"
@@ -23,7 +24,7 @@ constexpr double ceiling_per_pass = 2560;
 constexpr double ceiling_per_second = 10240;
 
 struct Options {
-    uint64_t passes = 40;
+    uint64_t passes;
 };
 
 struct Load {
@@ -33,14 +34,11 @@ struct Load {
 
 void measure(const Load& load, const Options& options, Table& per_connection, Table& passes)
 {
-    q9test::write_config(q9test::minimal_config());
     std::string probe_path = probe_file("intake");
     ProbeReader probe(probe_path);
     auto daemon = start_probed_daemon(probe_path);
-    if (!daemon->wait_until_running(daemon_limit)) {
-        fprintf(stderr, "intake: the daemon did not come up\n");
+    if (!daemon)
         return;
-    }
     FullIntake intake(load.payload);
     if (!intake.connected()) {
         fprintf(stderr, "intake: the peers could not connect\n");
@@ -75,11 +73,7 @@ void measure(const Load& load, const Options& options, Table& per_connection, Ta
 
 int main(int argc, char** argv)
 {
-    Options options;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (strcmp(argv[i], "--passes") == 0)
-            options.passes = strtoull(argv[i + 1], nullptr, 10);
-    }
+    Options options{static_cast<uint64_t>(option(argc, argv, "passes", 40))};
     std::vector<Load> loads = {
         {"blank lines (`\\n`, read and dropped)", std::string("\n")},
         {"`ONE LINE TRIGGER\\n` (17 B, each answered)", std::string("ONE LINE TRIGGER\n")},

@@ -20,26 +20,20 @@
 
 namespace q9bench {
 
-TriggerConnection::TriggerConnection() : fd_(q9test::connect_trigger_port())
+TriggerConnection::TriggerConnection()
 {
-    if (fd_ < 0)
+    if (!connected())
         return;
     int one = 1;
-    setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
-    fcntl(fd_, F_SETFL, fcntl(fd_, F_GETFL) | O_NONBLOCK);
-}
-
-TriggerConnection::~TriggerConnection()
-{
-    if (fd_ >= 0)
-        close(fd_);
+    setsockopt(fd(), IPPROTO_TCP, TCP_NODELAY, &one, sizeof(one));
+    fcntl(fd(), F_SETFL, fcntl(fd(), F_GETFL) | O_NONBLOCK);
 }
 
 int TriggerConnection::local_port() const
 {
     sockaddr_in address{};
     socklen_t length = sizeof(address);
-    if (getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+    if (getsockname(fd(), reinterpret_cast<sockaddr*>(&address), &length) != 0)
         return -1;
     return ntohs(address.sin_port);
 }
@@ -173,18 +167,6 @@ MediaItemService::~MediaItemService()
     }
 }
 
-std::vector<double> MediaItemService::arrivals() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return arrivals_;
-}
-
-void MediaItemService::clear()
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    arrivals_.clear();
-}
-
 // Connections are taken in the order in which the daemon made them (the
 // listen queue is first in, first out), one start request each.
 void MediaItemService::serve()
@@ -208,8 +190,7 @@ void MediaItemService::serve()
             close(peer);
             if (frame.compare(0, 4, "KV4P") != 0 || frame.find(std::string("start\0", 6)) == std::string::npos)
                 ++malformed_;
-            std::lock_guard<std::mutex> lock(mutex_);
-            arrivals_.push_back(at);
+            arrivals_.add(at);
         }
     }
 }
@@ -242,18 +223,6 @@ ListenerGroup::~ListenerGroup()
         thread_.join();
 }
 
-std::vector<Notification> ListenerGroup::notifications() const
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    return notifications_;
-}
-
-void ListenerGroup::clear()
-{
-    std::lock_guard<std::mutex> lock(mutex_);
-    notifications_.clear();
-}
-
 namespace {
 
 std::string seq_of(const q9test::Packet& packet)
@@ -283,10 +252,8 @@ void ListenerGroup::serve()
                 double at = now_us();
                 if (packet.command == "notify") {
                     ++received_;
-                    if (keep_) {
-                        std::lock_guard<std::mutex> lock(mutex_);
-                        notifications_.push_back({at, i, seq_of(packet)});
-                    }
+                    if (keep_)
+                        notifications_.add({at, i, seq_of(packet)});
                 }
             }
         }

@@ -3,8 +3,10 @@
 // service, and the simulated render managers.
 #pragma once
 
+#include "no_copy.h"
 #include "packet_peers.h"
 #include "process.h"
+#include "tcp.h"
 
 #include <atomic>
 #include <cstdint>
@@ -18,20 +20,11 @@
 namespace q9bench {
 
 /// A TCP connection to the trigger port with TCP_NODELAY, non-blocking.
-class TriggerConnection {
+class TriggerConnection : public q9test::TcpPeer {
 public:
     TriggerConnection();
-    ~TriggerConnection();
-    TriggerConnection(const TriggerConnection&) = delete;
-    TriggerConnection& operator=(const TriggerConnection&) = delete;
-
-    int fd() const { return fd_; }
-    bool connected() const { return fd_ >= 0; }
     /// Local port, to find the connection in /proc/net/tcp.
     int local_port() const;
-
-private:
-    int fd_ = -1;
 };
 
 /// Bytes still in the kernel on the way from the client on `client_port` to
@@ -42,14 +35,12 @@ uint64_t bytes_in_flight_to_daemon(int client_port);
 /// Four (or `count`) TCP peers sending `payload` over and over as fast as
 /// the daemon reads, each from its own thread, reading and dropping what the
 /// daemon answers.
-class FullIntake {
+class FullIntake : q9test::NoCopy {
 public:
     FullIntake(const std::string& payload, size_t count = 4);
     /// Stops the peers and resets their connections, so the daemon does not
     /// go on reading what is still buffered.
     ~FullIntake();
-    FullIntake(const FullIntake&) = delete;
-    FullIntake& operator=(const FullIntake&) = delete;
 
     bool connected() const;
     /// Bytes the daemon has read from each connection so far.
@@ -68,22 +59,45 @@ private:
     std::vector<std::thread> threads_;
 };
 
+/// Records that one thread adds and others read, in the order added.
+template <typename Record>
+class SharedLog {
+public:
+    void add(Record record)
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        records_.push_back(std::move(record));
+    }
+    std::vector<Record> records() const
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        return records_;
+    }
+    void clear()
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        records_.clear();
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<Record> records_;
+};
+
 /// The media-item service at its fixed socket: takes every "start" request
 /// the daemon's media-item library sends (one connection each) and records,
 /// in order, when each connection came in.
-class MediaItemService {
+class MediaItemService : q9test::NoCopy {
 public:
     MediaItemService();
     ~MediaItemService();
-    MediaItemService(const MediaItemService&) = delete;
-    MediaItemService& operator=(const MediaItemService&) = delete;
 
     bool listening() const { return fd_ >= 0; }
     /// Arrival times (now_us) of the start requests so far.
-    std::vector<double> arrivals() const;
+    std::vector<double> arrivals() const { return arrivals_.records(); }
     /// Requests received that were not a "start" frame.
     int malformed() const { return malformed_.load(); }
-    void clear();
+    void clear() { arrivals_.clear(); }
 
 private:
     void serve();
@@ -91,8 +105,7 @@ private:
     int fd_ = -1;
     std::atomic<bool> stop_{false};
     std::atomic<int> malformed_{0};
-    mutable std::mutex mutex_;
-    std::vector<double> arrivals_;
+    SharedLog<double> arrivals_;
     std::thread thread_;
 };
 
@@ -105,19 +118,17 @@ struct Notification {
 
 /// Local clients registered for every trigger, served by one thread that
 /// waits on all their sockets and records each notify as it arrives.
-class ListenerGroup {
+class ListenerGroup : q9test::NoCopy {
 public:
     /// Connects `count` clients and registers each with "triggers" = "*".
     /// With `keep` false, notifications are only counted.
     ListenerGroup(size_t count, bool keep = true);
     ~ListenerGroup();
-    ListenerGroup(const ListenerGroup&) = delete;
-    ListenerGroup& operator=(const ListenerGroup&) = delete;
 
     bool ready() const { return ready_; }
     uint64_t received() const { return received_.load(); }
-    std::vector<Notification> notifications() const;
-    void clear();
+    std::vector<Notification> notifications() const { return notifications_.records(); }
+    void clear() { notifications_.clear(); }
 
 private:
     void serve();
@@ -127,8 +138,7 @@ private:
     bool ready_ = false;
     std::atomic<bool> stop_{false};
     std::atomic<uint64_t> received_{0};
-    mutable std::mutex mutex_;
-    std::vector<Notification> notifications_;
+    SharedLog<Notification> notifications_;
     std::thread thread_;
 };
 

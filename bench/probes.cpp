@@ -9,6 +9,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <cstdio>
 #include <sstream>
 
 namespace q9bench {
@@ -106,8 +108,13 @@ std::vector<std::string> probe_environment(const std::string& probe_path, bool p
 
 std::unique_ptr<q9test::Daemon> start_probed_daemon(const std::string& probe_path)
 {
-    return std::make_unique<q9test::Daemon>(std::vector<std::string>{}, std::vector<std::string>{},
-                                            probe_environment(probe_path));
+    q9test::write_config(q9test::minimal_config());
+    auto daemon = std::make_unique<q9test::Daemon>(std::vector<std::string>{}, std::vector<std::string>{},
+                                                   probe_environment(probe_path));
+    if (daemon->wait_until_running(daemon_limit))
+        return daemon;
+    fprintf(stderr, "%s: the daemon did not come up\n", program_invocation_short_name);
+    return nullptr;
 }
 
 namespace {

@@ -4,6 +4,7 @@
 // allocations and receive calls.
 #pragma once
 
+#include "no_copy.h"
 #include "daemon.h"
 #include "pass_probe.h"
 #include "peers.h"
@@ -33,13 +34,11 @@ ProcUsage proc_usage(pid_t pid);
 long ticks_per_second();
 
 /// The shared file of the pass probe, mapped for reading.
-class ProbeReader {
+class ProbeReader : q9test::NoCopy {
 public:
     /// Creates the file at `path`; the daemon's probe fills it.
     explicit ProbeReader(const std::string& path);
     ~ProbeReader();
-    ProbeReader(const ProbeReader&) = delete;
-    ProbeReader& operator=(const ProbeReader&) = delete;
 
     uint64_t passes() const;
     uint64_t allocations() const;
@@ -59,7 +58,9 @@ std::string probe_file(const std::string& name);
 /// `probe_path`; `passes_only`: the variant that leaves the heap functions
 /// and recv alone.
 std::vector<std::string> probe_environment(const std::string& probe_path, bool passes_only = false);
-/// Starts the daemon with the pass probe preloaded, writing to `probe_path`.
+/// Writes the minimal configuration and starts the daemon with the pass
+/// probe preloaded, writing to `probe_path`; the daemon once it runs, or
+/// null (and a line on stderr) when it did not come up.
 std::unique_ptr<q9test::Daemon> start_probed_daemon(const std::string& probe_path);
 
 /// What happened in the daemon over a whole number of passes.

@@ -16,6 +16,7 @@
 // identity, but the daemon starts the item of each trigger before it
 // notifies, and both arrive in the daemon's order, so the k-th start belongs
 // to the trigger of the k-th notify.
+#include "command_line.h"
 #include "peers.h"
 #include "probes.h"
 #include "stats.h"
@@ -166,14 +167,9 @@ void add_summary_row(Table& table, const std::string& what, const std::vector<do
 Options parse(int argc, char** argv)
 {
     Options options;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (strcmp(argv[i], "--triggers") == 0)
-            options.triggers = atoi(argv[i + 1]);
-        else if (strcmp(argv[i], "--burst-triggers") == 0)
-            options.burst_triggers = atoi(argv[i + 1]);
-        else if (strcmp(argv[i], "--gap-ms") == 0)
-            options.mean_gap_ms = atof(argv[i + 1]);
-    }
+    options.triggers = static_cast<int>(option(argc, argv, "triggers", options.triggers));
+    options.burst_triggers = static_cast<int>(option(argc, argv, "burst-triggers", options.burst_triggers));
+    options.mean_gap_ms = option(argc, argv, "gap-ms", options.mean_gap_ms);
     return options;
 }
 

@@ -3,6 +3,7 @@
 // that stands where another program's server would.
 #pragma once
 
+#include "no_copy.h"
 #include "daemon.h"
 #include "packets.h"
 
@@ -17,14 +18,12 @@ int connect_unix(const std::string& path);
 
 /// A client connection to a packet-socket server, by default the daemon's
 /// command service.
-class PacketClient {
+class PacketClient : NoCopy {
 public:
     /// Connects to `path`, retrying until the server takes the connection or
     /// the deadline passes.
     explicit PacketClient(const std::string& path = service_path);
     ~PacketClient();
-    PacketClient(const PacketClient&) = delete;
-    PacketClient& operator=(const PacketClient&) = delete;
 
     bool connected() const;
     /// The connection's descriptor, to wait on it.
@@ -49,12 +48,10 @@ private:
 
 /// A server at a socket path that records every request and answers those
 /// that want a reply with whatever `answer` writes (no answer when unset).
-class FakeService {
+class FakeService : NoCopy {
 public:
     explicit FakeService(const std::string& path);
     ~FakeService();
-    FakeService(const FakeService&) = delete;
-    FakeService& operator=(const FakeService&) = delete;
 
     bool listening() const { return sock_ != nullptr; }
     /// Serves until `condition` holds or `limit` passes; false at the limit.

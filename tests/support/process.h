@@ -3,6 +3,7 @@
 // their output kept in files and looked at from outside.
 #pragma once
 
+#include "no_copy.h"
 #include "waiting.h"
 
 #include <sys/types.h>
@@ -26,15 +27,13 @@ pid_t spawn(const std::vector<std::string>& argv, const std::string& stdout_path
 int decode_status(int status);
 
 /// One child process with its standard output and error in files.
-class ChildProcess {
+class ChildProcess : NoCopy {
 public:
     /// Starts `argv` as spawn() does.
     ChildProcess(const std::vector<std::string>& argv, std::string stdout_path, std::string stderr_path,
                  const std::vector<std::string>& environment = {});
     /// Kills the process if it still runs.
     ~ChildProcess();
-    ChildProcess(const ChildProcess&) = delete;
-    ChildProcess& operator=(const ChildProcess&) = delete;
 
     pid_t pid() const { return pid_; }
     /// Everything written to standard output so far.

@@ -3,6 +3,7 @@
 // what it is asked to start.
 #pragma once
 
+#include "no_copy.h"
 #include "packets.h"
 #include "waiting.h"
 
@@ -40,12 +41,10 @@ struct Request {
 
 /// A local program connected to the command server.  Its record exists once
 /// the constructor returns.
-class LocalClient {
+class LocalClient : q9test::NoCopy {
 public:
     LocalClient();
     ~LocalClient();
-    LocalClient(const LocalClient&) = delete;
-    LocalClient& operator=(const LocalClient&) = delete;
 
     /// The server's index of this client.
     unsigned long index() const { return index_; }
@@ -76,12 +75,10 @@ protected:
 
 /// The media-item service at its fixed path, recording each request as
 /// "COMMAND ARGUMENT...".
-class MediaItemService {
+class MediaItemService : q9test::NoCopy {
 public:
     MediaItemService();
     ~MediaItemService();
-    MediaItemService(const MediaItemService&) = delete;
-    MediaItemService& operator=(const MediaItemService&) = delete;
 
     /// The first `count` requests received; fewer if they do not come within 10 s.
     std::vector<std::string> requests(size_t count);

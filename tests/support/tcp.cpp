@@ -45,6 +45,16 @@ bool send_all(int fd, const std::string& bytes)
     return true;
 }
 
+std::string receive_available(int fd)
+{
+    std::string received;
+    char buffer[4096];
+    ssize_t length;
+    while ((length = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0)
+        received.append(buffer, static_cast<size_t>(length));
+    return received;
+}
+
 TcpPeer::TcpPeer() : fd_(connect_trigger_port()) {}
 
 TcpPeer::~TcpPeer()
@@ -77,12 +87,7 @@ std::string TcpPeer::receive(size_t count, std::chrono::milliseconds limit)
 
 std::string TcpPeer::available()
 {
-    std::string received;
-    char buffer[4096];
-    ssize_t length;
-    while ((length = recv(fd_, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0)
-        received.append(buffer, static_cast<size_t>(length));
-    return received;
+    return receive_available(fd_);
 }
 
 bool TcpPeer::wait_closed(std::chrono::milliseconds limit)

@@ -1,6 +1,7 @@
 // Peers of the daemon's TCP trigger port.
 #pragma once
 
+#include "no_copy.h"
 #include "waiting.h"
 
 #include <string>
@@ -13,15 +14,15 @@ int connect_trigger_port(std::chrono::milliseconds limit = default_wait);
 
 /// Sends every byte of `bytes` on `fd`; false when the peer is gone.
 bool send_all(int fd, const std::string& bytes);
+/// Everything that can be read from `fd` right now, without waiting.
+std::string receive_available(int fd);
 
 /// A TCP connection to the daemon's trigger port.
-class TcpPeer {
+class TcpPeer : NoCopy {
 public:
     /// Connects to 127.0.0.1:9876 (waits for the connect to complete).
     TcpPeer();
     ~TcpPeer();
-    TcpPeer(const TcpPeer&) = delete;
-    TcpPeer& operator=(const TcpPeer&) = delete;
 
     bool connected() const { return fd_ >= 0; }
     int fd() const { return fd_; }

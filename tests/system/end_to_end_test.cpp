@@ -2,6 +2,7 @@
 // items started at the media-item service, the notification of the local
 // listeners, and the acknowledgement back to the TCP peer, in that order.
 
+#include "no_copy.h"
 #include "daemon.h"
 #include "packet_peers.h"
 #include "packets.h"
@@ -30,7 +31,7 @@ using Pairs = std::vector<std::pair<std::string, std::string>>;
 // A media-item service played by the test itself: it listens but accepts
 // and reads only when asked, so whatever the daemon has sent by some moment
 // is exactly what is waiting in the socket's queue at that moment.
-class MediaItemQueue {
+class MediaItemQueue : q9test::NoCopy {
 public:
     MediaItemQueue()
     {
@@ -48,8 +49,6 @@ public:
         if (fd_ >= 0)
             close(fd_);
     }
-    MediaItemQueue(const MediaItemQueue&) = delete;
-    MediaItemQueue& operator=(const MediaItemQueue&) = delete;
 
     bool listening() const { return fd_ >= 0; }
 
@@ -60,23 +59,13 @@ public:
         std::vector<std::string> requests;
         int peer;
         while ((peer = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0) {
-            requests.push_back(request_text(read_available(peer)));
+            requests.push_back(request_text(receive_available(peer)));
             close(peer);
         }
         return requests;
     }
 
 private:
-    static std::string read_available(int peer)
-    {
-        std::string bytes;
-        char buffer[4096];
-        ssize_t length;
-        while ((length = recv(peer, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0)
-            bytes.append(buffer, static_cast<size_t>(length));
-        return bytes;
-    }
-
     static std::string request_text(std::string frame)
     {
         uint32_t length = 0;

@@ -4,6 +4,7 @@
 // of the *_test.cpp files alone.
 #pragma once
 
+#include "no_copy.h"
 #include "appliance_util.h"
 #include "comm_socket_v4.h"
 #include "proc.h"
@@ -80,7 +81,7 @@ inline int unread_bytes(int fd)
 }
 
 /// One render manager: creates its directory and listens at its socket.
-class ChannelServer {
+class ChannelServer : q9test::NoCopy {
 public:
     explicit ChannelServer(int channel) : channel(channel)
     {
@@ -95,8 +96,6 @@ public:
         for (comm_socket_v4_packet* packet : received)
             comm_socket_v4_packet_release(packet);
     }
-    ChannelServer(const ChannelServer&) = delete;
-    ChannelServer& operator=(const ChannelServer&) = delete;
 
     /// True when the server endpoint listens.
     bool listening() const { return sock != nullptr; }
