@@ -23,16 +23,12 @@ namespace {
 constexpr double ceiling_per_pass = 2560;
 constexpr double ceiling_per_second = 10240;
 
-struct Options {
-    uint64_t passes;
-};
-
 struct Load {
     const char* name;
     std::string payload;
 };
 
-void measure(const Load& load, const Options& options, Table& per_connection, Table& passes)
+void measure(const Load& load, uint64_t passes_measured, Table& per_connection, Table& passes)
 {
     std::string probe_path = probe_file("intake");
     ProbeReader probe(probe_path);
@@ -47,7 +43,7 @@ void measure(const Load& load, const Options& options, Table& per_connection, Ta
     // Let the kernel queues fill, so the daemon finds a full budget from the
     // first measured pass on.
     probe.wait_passes(probe.passes(), 4);
-    PassWindow window = measure_passes(probe, daemon->pid(), options.passes, &intake);
+    PassWindow window = measure_passes(probe, daemon->pid(), passes_measured, &intake);
     double seconds = window.elapsed_us / 1e6;
     for (size_t i = 0; i < window.consumed.size(); ++i) {
         double per_pass = static_cast<double>(window.consumed[i]) / window.passes;
@@ -73,7 +69,7 @@ void measure(const Load& load, const Options& options, Table& per_connection, Ta
 
 int main(int argc, char** argv)
 {
-    Options options{static_cast<uint64_t>(option(argc, argv, "passes", 40))};
+    auto passes_measured = static_cast<uint64_t>(option(argc, argv, "passes", 40));
     std::vector<Load> loads = {
         {"blank lines (`\\n`, read and dropped)", std::string("\n")},
         {"`ONE LINE TRIGGER\\n` (17 B, each answered)", std::string("ONE LINE TRIGGER\n")},
@@ -82,11 +78,11 @@ int main(int argc, char** argv)
     Table passes({"load", "passes", "pass period ms", "work p50 ms", "work max ms",
                   "recv calls per pass p50", "reply bytes"});
     for (const Load& load : loads)
-        measure(load, options, per_connection, passes);
+        measure(load, passes_measured, per_connection, passes);
 
     heading("TCP intake",
             "Four connections sending as fast as the daemon reads, over " +
-                std::to_string(options.passes) +
+                std::to_string(passes_measured) +
                 " passes; no local client and no persistent item. Target: at least 95 % of "
                 "2,560 bytes per pass per connection. The 10,240 B/s of the last column assume "
                 "exactly four passes a second; a pass lasts 250 ms plus its work (below), so "

@@ -34,10 +34,6 @@ namespace {
 constexpr size_t listeners = 64;
 constexpr int channels = 16;
 
-struct Options {
-    uint64_t passes;
-};
-
 std::vector<std::string> probe_cells(const PassWindow& window)
 {
     std::vector<double> cpu, wall;
@@ -70,7 +66,7 @@ std::vector<std::string> kernel_cells(const PassWindow& window, uint64_t passes)
 }
 
 // The unmodified daemon, idle: only the kernel's figures.
-std::vector<std::string> idle_unprobed(const Options& options)
+std::vector<std::string> idle_unprobed(uint64_t passes_measured)
 {
     q9test::write_config(q9test::minimal_config());
     q9test::Daemon daemon;
@@ -79,7 +75,7 @@ std::vector<std::string> idle_unprobed(const Options& options)
     PassWindow window;
     ProcUsage before = proc_usage(daemon.pid());
     double start = now_us();
-    sleep_ms(options.passes * 250.0);
+    sleep_ms(passes_measured * 250.0);
     ProcUsage after = proc_usage(daemon.pid());
     window.elapsed_us = now_us() - start;
     window.usage.runtime_ns = after.runtime_ns - before.runtime_ns;
@@ -95,7 +91,7 @@ std::vector<std::string> idle_unprobed(const Options& options)
 
 // The daemon with the probe; `load` runs while it is measured.
 template <typename Load>
-std::vector<std::string> probed(const std::string& name, const Options& options, bool idle,
+std::vector<std::string> probed(const std::string& name, uint64_t passes_measured, bool idle,
                                 Load load)
 {
     std::string probe_path = probe_file("pass_cost");
@@ -106,7 +102,7 @@ std::vector<std::string> probed(const std::string& name, const Options& options,
         return row;
     load(*daemon, [&](const FullIntake* intake) {
         probe.wait_passes(probe.passes(), 4);
-        PassWindow window = measure_passes(probe, daemon->pid(), options.passes, intake);
+        PassWindow window = measure_passes(probe, daemon->pid(), passes_measured, intake);
         // Idle, every pass sleeps once and nothing else waits.
         uint64_t passes = idle ? window.usage.voluntary_switches : window.passes;
         auto kernel = kernel_cells(window, passes);
@@ -196,13 +192,13 @@ void system_call_costs()
 
 int main(int argc, char** argv)
 {
-    Options options{static_cast<uint64_t>(option(argc, argv, "passes", 40))};
+    auto passes_measured = static_cast<uint64_t>(option(argc, argv, "passes", 40));
     Table table({"daemon", "passes", "CPU µs/pass (schedstat)", "CPU µs/pass (utime+stime)",
                  "probe CPU p50 µs", "p90", "p99", "max", "work wall p50 µs",
                  "allocations/pass", "bytes allocated/pass", "passes that allocated",
                  "heap blocks kept"});
-    table.add(idle_unprobed(options));
-    table.add(probed("idle, with probe", options, true,
+    table.add(idle_unprobed(passes_measured));
+    table.add(probed("idle, with probe", passes_measured, true,
                      [](q9test::Daemon&, auto measure) { measure(nullptr); }));
 
     std::vector<std::string> channel_args = {"rendermgr"};
@@ -212,10 +208,10 @@ int main(int argc, char** argv)
     std::string last_socket = std::string(q9test::rendermgr_root) + "/channel" +
                               std::to_string(channels) + "/.media.item.active.socket";
     q9test::wait_until([&] { return access(last_socket.c_str(), F_OK) == 0; });
-    table.add(probed("loaded: blank lines", options, false, [](q9test::Daemon& daemon, auto measure) {
+    table.add(probed("loaded: blank lines", passes_measured, false, [](q9test::Daemon& daemon, auto measure) {
         under_load(daemon, "\n", measure);
     }));
-    table.add(probed("loaded: `ONE LINE TRIGGER` lines", options, false,
+    table.add(probed("loaded: `ONE LINE TRIGGER` lines", passes_measured, false,
                      [](q9test::Daemon& daemon, auto measure) {
                          under_load(daemon, "ONE LINE TRIGGER\n", measure);
                      }));

@@ -3,6 +3,7 @@
 // daemon writes about its clients.
 
 #include "daemon.h"
+#include "daemon_test.h"
 #include "packet_peers.h"
 #include "packets.h"
 #include "tcp.h"
@@ -51,15 +52,8 @@ bool trigger()
     return peer.send("TRIGGER\n\n") && peer.receive(4) == "OK\n\n";
 }
 
-class CommandService : public ::testing::Test {
+class CommandService : public DaemonTest {
 protected:
-    void SetUp() override
-    {
-        write_config(minimal_config());
-        daemon = std::make_unique<Daemon>();
-        ASSERT_TRUE(daemon->wait_until_running());
-    }
-
     // Whether `client` got a notification for one trigger.  The daemon
     // notifies clients in the order in which they connected, so once
     // `later`, registered for all triggers, has its notification, one for
@@ -80,8 +74,6 @@ protected:
         EXPECT_EQ(ask(*later, "register", {{"triggers", "*"}}).status, "OK");
         return later;
     }
-
-    std::unique_ptr<Daemon> daemon;
 };
 
 TEST_F(CommandService, TestIsAnsweredWithOneFixedPairAndTheRequestsReference)

@@ -1,6 +1,7 @@
 // The running daemon: PID file, syslog, reload on SIGHUP, orderly stop and
 // the abort on the tenth stop signal.
 #include "daemon.h"
+#include "daemon_test.h"
 #include "files.h"
 #include "packet_peers.h"
 #include "sandbox_syslog.h"
@@ -43,17 +44,7 @@ int flood_with_requests_never_reading()
     return fd;
 }
 
-class RunningDaemon : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        write_config(minimal_config());
-        daemon = std::make_unique<Daemon>();
-        ASSERT_TRUE(daemon->wait_until_running());
-    }
-
-    std::unique_ptr<Daemon> daemon;
-};
+using RunningDaemon = DaemonTest;
 
 TEST_F(RunningDaemon, PidFileHoldsProcessIdAndNewline)
 {

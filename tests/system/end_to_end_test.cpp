@@ -4,6 +4,7 @@
 
 #include "no_copy.h"
 #include "daemon.h"
+#include "daemon_test.h"
 #include "packet_peers.h"
 #include "packets.h"
 #include "process.h"
@@ -114,15 +115,8 @@ Packet already_received(PacketClient& client)
     return packet;
 }
 
-class EndToEnd : public ::testing::Test {
+class EndToEnd : public DaemonTest {
 protected:
-    void SetUp() override
-    {
-        write_config(minimal_config());
-        daemon = std::make_unique<Daemon>();
-        ASSERT_TRUE(daemon->wait_until_running());
-    }
-
     // Starts the media-item simulator and waits until it takes requests;
     // the request that shows this is logged as "start probe".
     std::unique_ptr<q9test::ToolProcess> start_simulator()
@@ -132,8 +126,6 @@ protected:
         EXPECT_TRUE(wait_until([] { return q9mi_start_item("probe") == 0; }));
         return simulator;
     }
-
-    std::unique_ptr<Daemon> daemon;
 };
 
 TEST_F(EndToEnd, TriggerStartsEveryItemInNameOrderNotifiesAndIsAcknowledged)

@@ -32,10 +32,7 @@ TEST_F(MediaItemTest, StartDeliversOneStartRequestAndHangsUp)
     EXPECT_EQ(before, open_descriptor_count());
     comm_socket_v4_client* sender = nullptr;
     comm_socket_v4_packet* request = next_request(&sender);
-    EXPECT_EQ((Message{"start", "", {"evening news"}, {}}), read_message(request->data));
-    EXPECT_EQ(COMM_SOCKET_V4_MODE_BIT, request->flags);
-    EXPECT_EQ(0u, request->reference);
-    EXPECT_EQ(0, request->result);
+    expect_packet(request, Message{"start", "", {"evening news"}, {}}, COMM_SOCKET_V4_MODE_BIT, 0u, 0);
     EXPECT_EQ(sender, next_disconnected());
 }
 
