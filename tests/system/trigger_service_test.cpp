@@ -119,18 +119,14 @@ TEST_F(TriggerService, OneLineTriggerWithTrailingBlankWaitsForTheEmptyLine)
 
 TEST_F(TriggerService, CarriageReturnLinefeedFramingIsAccepted)
 {
-    TcpPeer peer;
-    EXPECT_EQ(reply_to(peer, "TRIGGER\r\nchannel=2\r\n\r\n", 4), "OK\n\n");
+    expect_answered("TRIGGER\r\nchannel=2\r\n\r\n", "OK\n\n");
     EXPECT_TRUE(listed("Message: command='TRIGGER'\n  'channel' = '2'\n"));
-    EXPECT_TRUE(answers_next_message_alone(peer));
 }
 
 TEST_F(TriggerService, BareLinefeedFramingIsAccepted)
 {
-    TcpPeer peer;
-    EXPECT_EQ(reply_to(peer, "TRIGGER\nchannel=2\n\n", 4), "OK\n\n");
+    expect_answered("TRIGGER\nchannel=2\n\n", "OK\n\n");
     EXPECT_TRUE(listed("Message: command='TRIGGER'\n  'channel' = '2'\n"));
-    EXPECT_TRUE(answers_next_message_alone(peer));
 }
 
 TEST_F(TriggerService, BlankLinesBetweenMessagesAreIgnored)

@@ -119,6 +119,14 @@ protected:
     void SetUp() override { reset_channels(); }
     void TearDown() override { reset_channels(); }
 
+    // Plays `item` on `connection`; what the daemon wrote to stderr meanwhile.
+    static std::string play_now_reporting(RenderManagerConnection* connection, const std::string& item)
+    {
+        CaptureStderr();
+        play_now(connection, item.c_str());
+        return GetCapturedStderr();
+    }
+
     // Connects the daemon to `server`'s channel and waits until the record
     // is open and the render manager has taken the connection in.
     static RenderManagerConnection* open_channel(ChannelServer& server)
@@ -175,9 +183,7 @@ TEST_F(PlayCommandTest, PlayNowSendsTheTwoSettingsInOrder)
     RenderManagerConnection* connection = open_channel(server);
     ASSERT_NE(nullptr, connection);
 
-    CaptureStderr();
-    play_now(connection, "clip");
-    std::string err = GetCapturedStderr();
+    std::string err = play_now_reporting(connection, "clip");
 
     EXPECT_EQ("Channel 1: setting 'alt loop' = 0\nChannel 1: setting '+alt-now' = clip\n", err);
     ASSERT_TRUE(receive(server, 2));
@@ -193,9 +199,7 @@ TEST_F(PlayCommandTest, PlayNowOnAChannelWithoutEndpointWritesAndSendsNothing)
     RenderManagerConnection* connection = rendermgr_get_or_create_channel(2);
     ASSERT_NE(nullptr, connection);
 
-    CaptureStderr();
-    play_now(connection, "clip");
-    std::string err = GetCapturedStderr();
+    std::string err = play_now_reporting(connection, "clip");
 
     EXPECT_EQ("", err);
     EXPECT_EQ(nullptr, connection->sock);
@@ -212,9 +216,7 @@ TEST_F(PlayCommandTest, EmptyItemNameIsSentAsAnEmptyArgument)
     RenderManagerConnection* connection = open_channel(server);
     ASSERT_NE(nullptr, connection);
 
-    CaptureStderr();
-    play_now(connection, "");
-    std::string err = GetCapturedStderr();
+    std::string err = play_now_reporting(connection, "");
 
     EXPECT_EQ("Channel 3: setting 'alt loop' = 0\nChannel 3: setting '+alt-now' = \n", err);
     ASSERT_TRUE(receive(server, 2));
@@ -227,9 +229,7 @@ TEST_F(PlayCommandTest, ItemNameIsSentAsItIs)
     RenderManagerConnection* connection = open_channel(server);
     ASSERT_NE(nullptr, connection);
 
-    CaptureStderr();
-    play_now(connection, "it's \"a\" clip = 1");
-    std::string err = GetCapturedStderr();
+    std::string err = play_now_reporting(connection, "it's \"a\" clip = 1");
 
     EXPECT_EQ("Channel 4: setting 'alt loop' = 0\nChannel 4: setting '+alt-now' = it's \"a\" clip = 1\n", err);
     ASSERT_TRUE(receive(server, 2));
@@ -243,9 +243,7 @@ TEST_F(PlayCommandTest, RenderManagerGoneBeforePlayFailsTheFirstSettingAndSkipsT
     ASSERT_NE(nullptr, connection);
     server.stop();
 
-    CaptureStderr();
-    play_now(connection, "clip");
-    std::string err = GetCapturedStderr();
+    std::string err = play_now_reporting(connection, "clip");
 
     // The send meets the hang-up and marks the endpoint dead; the poll after
     // it ends the connection, so the second setting finds no endpoint.
@@ -272,9 +270,7 @@ TEST_F(PlayCommandTest, FailedFirstSendStillSendsTheSecondSetting)
     ASSERT_TRUE(fill_output(connection->sock));
     ASSERT_TRUE(wait_until([&] { return unsent_bytes(connection->sock->fd) == 0; }));
 
-    CaptureStderr();
-    play_now(connection, "clip");
-    std::string err = GetCapturedStderr();
+    std::string err = play_now_reporting(connection, "clip");
 
     EXPECT_EQ("Channel 6: setting 'alt loop' = 0\n"
               "Channel 6: Failed to sent packet\n"

@@ -31,6 +31,19 @@ protected:
         ASSERT_EQ(reply->result, 0);
     }
 
+    /// Expects `client` to be notified of the message, and to be notified
+    /// of nothing more once it has asked `stop`.
+    void expect_notified_until(LocalClient& client, const Request& stop)
+    {
+        notify_clients(message);
+        auto packet = client.receive();
+        ASSERT_TRUE(packet);
+        EXPECT_EQ(packet->command, "notify");
+        client.ask(stop);
+        notify_clients(message);
+        EXPECT_TRUE(received_nothing(client));
+    }
+
     TCPTriggerClient message;
 };
 
@@ -134,13 +147,7 @@ TEST_F(ClientNotification, RegisteringStarStartsAndEmptyStopsNotifications)
 {
     LocalClient client;
     listen_to_all(client);
-    notify_clients(message);
-    auto packet = client.receive();
-    ASSERT_TRUE(packet);
-    EXPECT_EQ(packet->command, "notify");
-    client.ask({"register", {{"triggers", ""}}});
-    notify_clients(message);
-    EXPECT_TRUE(received_nothing(client));
+    expect_notified_until(client, {"register", {{"triggers", ""}}});
 }
 
 TEST_F(ClientNotification, UnregisteringEmptyKeepsAndStarStopsNotifications)
@@ -148,13 +155,7 @@ TEST_F(ClientNotification, UnregisteringEmptyKeepsAndStarStopsNotifications)
     LocalClient client;
     listen_to_all(client);
     client.ask({"unregister", {{"triggers", ""}}});
-    notify_clients(message);
-    auto packet = client.receive();
-    ASSERT_TRUE(packet);
-    EXPECT_EQ(packet->command, "notify");
-    client.ask({"unregister", {{"triggers", "*"}}});
-    notify_clients(message);
-    EXPECT_TRUE(received_nothing(client));
+    expect_notified_until(client, {"unregister", {{"triggers", "*"}}});
 }
 
 TEST_F(ClientNotification, DisconnectedListenerGetsNothing)
