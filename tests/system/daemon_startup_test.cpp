@@ -194,7 +194,8 @@ TEST(DaemonStartup, ServiceSocketPathTakenByDirectoryFails)
 {
     write_config(minimal_config());
     ASSERT_EQ(mkdir(service_path, 0755), 0);
-    expect_start_fails_reporting("Failed to create server socket at /var/run/q9_korvane_xml_events_d.service\n");
+    expect_start_fails_reporting(
+        "Failed to create server socket at /var/run/q9_korvane_xml_events_d.service\n");
     // "Starting up" is logged before the server listens; no stop record follows.
     EXPECT_TRUE(wait_until([] { return syslog_count("q9_korvane_xml_events_d: Starting up") == 1; }));
     EXPECT_EQ(syslog_count("Shutting down"), 0);

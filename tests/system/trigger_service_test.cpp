@@ -238,12 +238,14 @@ TEST_F(TriggerService, EveryMessageIsLoggedToSyslogOnce)
 
 TEST_F(TriggerService, PeerClosingInTheMiddleOfALineIsReportedAndDropped)
 {
-    expect_hang_up_reported("TRIGGER\nname=va", "dropped connection in the middle of a line, ignoring message");
+    expect_hang_up_reported("TRIGGER\nname=va",
+                            "dropped connection in the middle of a line, ignoring message");
 }
 
 TEST_F(TriggerService, PeerClosingBeforeTheEmptyLineIsReportedAndDropped)
 {
-    expect_hang_up_reported("TRIGGER\nname=value\n", "dropped connection without empty line, ignoring message");
+    expect_hang_up_reported("TRIGGER\nname=value\n",
+                            "dropped connection without empty line, ignoring message");
 }
 
 TEST_F(TriggerService, PeerClosingBetweenMessagesIsOnlyDropped)

@@ -194,12 +194,14 @@ TEST_F(TCPTriggerClientTest, LineOf1024CharactersStallsTheConnectionForGood)
 
 TEST_F(TCPTriggerClientTest, PeerClosingAfterTheFirstLineLeavesTheMessageUnhandled)
 {
-    expect_hang_up_reported("TRIGGER\n", "TCP client fd %d dropped connection without empty line, ignoring message\n");
+    expect_hang_up_reported("TRIGGER\n",
+                            "TCP client fd %d dropped connection without empty line, ignoring message\n");
 }
 
 TEST_F(TCPTriggerClientTest, PeerClosingInTheMiddleOfALineIsReported)
 {
-    expect_hang_up_reported("TRIGGER\nchan", "TCP client fd %d dropped connection in the middle of a line, ignoring message\n");
+    expect_hang_up_reported(
+        "TRIGGER\nchan", "TCP client fd %d dropped connection in the middle of a line, ignoring message\n");
 }
 
 TEST_F(TCPTriggerClientTest, PeerClosingBetweenMessagesIsAnsweredThenClosedSilently)
