@@ -275,8 +275,8 @@ std::string repeated(const std::string& text, int times)
     return all;
 }
 
-void send_and_collect(TriggerConnection& connection, const std::string& bytes, size_t reply_bytes,
-                      double limit_us, const std::function<void(size_t)>& on_reply)
+size_t send_and_collect(TriggerConnection& connection, const std::string& bytes, size_t reply_bytes,
+                        double limit_us, const std::function<void(size_t)>& on_reply)
 {
     size_t sent = 0, received = 0;
     double deadline = now_us() + limit_us;
@@ -296,12 +296,13 @@ void send_and_collect(TriggerConnection& connection, const std::string& bytes, s
             char buffer[65536];
             ssize_t length = recv(connection.fd(), buffer, sizeof(buffer), MSG_DONTWAIT);
             if (length <= 0)
-                return;
+                return received;
             received += static_cast<size_t>(length);
             if (on_reply)
                 on_reply(received);
         }
     }
+    return received;
 }
 
 std::unique_ptr<q9test::ToolProcess> start_simulator(const std::vector<std::string>& args)

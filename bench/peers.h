@@ -152,8 +152,9 @@ std::string repeated(const std::string& text, int times);
 /// Sends all of `bytes` on `connection` while reading what the daemon
 /// answers, until `reply_bytes` bytes came back, `limit_us` passed or the
 /// daemon closed; `on_reply` sees the number of reply bytes after each read.
-void send_and_collect(TriggerConnection& connection, const std::string& bytes, size_t reply_bytes,
-                      double limit_us, const std::function<void(size_t)>& on_reply = {});
+/// The number of reply bytes.
+size_t send_and_collect(TriggerConnection& connection, const std::string& bytes, size_t reply_bytes,
+                        double limit_us, const std::function<void(size_t)>& on_reply = {});
 
 /// Starts q9_appliance_sim with `args`.
 std::unique_ptr<q9test::ToolProcess> start_simulator(const std::vector<std::string>& args);

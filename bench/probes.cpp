@@ -20,17 +20,7 @@ ProcUsage proc_usage(pid_t pid)
     ProcUsage usage;
     std::string base = "/proc/" + std::to_string(pid);
     std::istringstream(q9test::read_file(base + "/schedstat")) >> usage.runtime_ns;
-    std::string stat = q9test::read_file(base + "/stat");
-    size_t paren = stat.rfind(')');
-    if (paren != std::string::npos) {
-        // After the command name: state is field 3, utime 14 and stime 15.
-        std::istringstream fields(stat.substr(paren + 2));
-        std::string field;
-        for (int number = 3; number <= 15 && fields >> field; ++number) {
-            if (number == 14 || number == 15)
-                usage.ticks += std::stoull(field);
-        }
-    }
+    usage.ticks = static_cast<uint64_t>(q9test::cpu_ticks(pid));
     std::string switches = q9test::status_field(pid, "voluntary_ctxt_switches");
     if (!switches.empty())
         usage.voluntary_switches = std::stoull(switches);

@@ -1,5 +1,6 @@
 #include "config/configuration.h"
 
+#include "config/daemon_settings.h"
 #include "config/toml_access.h"
 #include "config/toml_nesting_guard.h"
 
@@ -155,6 +156,7 @@ bool load_configuration()
     }
     for (const auto& item : *root)
         add_root_entry(item.first, item.second);
+    daemon_settings = read_daemon_settings(*root);
     return true;
 }
 

@@ -33,8 +33,10 @@ public:
 extern std::map<std::string, ConfigurationEntry> configuration;
 
 /// Reads `configuration_path` and adds its valid sections to
-/// `configuration` (which the caller empties before a reload).  False when
-/// the file cannot be examined, cannot be parsed or yields no document.
+/// `configuration` (which the caller empties before a reload), then puts
+/// the settings of its [daemon] table in force.  False when the file cannot
+/// be examined, cannot be parsed or yields no document; the settings in
+/// force then stay.
 bool load_configuration();
 
 /// Builds one entry from one TOML table and keeps it when it is valid; the

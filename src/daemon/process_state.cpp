@@ -6,6 +6,7 @@
 #include "daemon/process_state.h"
 
 #include "config/configuration.h"
+#include "config/daemon_settings.h"
 #include "rendermgr/channels.h"
 #include "service/command_server.h"
 #include "trigger/trigger_listener.h"
@@ -21,6 +22,7 @@ const char* const rendermgr_root = "/mnt/main/tv/rendermgr";
 int tcp_trigger_port = 9876;
 int tcp_trigger_fd = -1;
 uint64_t known_channels_last_update = 0;
+DaemonSettings daemon_settings;
 
 std::vector<int> sel_channels;
 std::vector<int> known_channels;

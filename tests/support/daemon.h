@@ -16,7 +16,9 @@ constexpr const char* service_path = "/var/run/q9_korvane_xml_events_d.service";
 constexpr const char* rendermgr_root = "/mnt/main/tv/rendermgr";
 constexpr int trigger_port = 9876;
 
-/// Writes the daemon's configuration file.
+/// Writes the daemon's configuration file; when $Q9_TEST_WAKE_ON_INPUT is
+/// set and `content` has no [daemon] table, a table switching
+/// wake_on_input on follows `content`.
 void write_config(const std::string& content);
 /// A configuration with one valid section, enough for a normal start.
 std::string minimal_config();

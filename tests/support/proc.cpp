@@ -36,6 +36,23 @@ int open_descriptor_count()
     return count < 0 ? -1 : count - 1;  // the directory's own descriptor
 }
 
+long cpu_ticks(pid_t pid)
+{
+    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
+    size_t paren = stat.rfind(')');
+    if (paren == std::string::npos)
+        return 0;
+    // After the command name: state is field 3, utime 14 and stime 15.
+    std::istringstream fields(stat.substr(paren + 2));
+    std::string field;
+    long ticks = 0;
+    for (int number = 3; number <= 15 && fields >> field; ++number) {
+        if (number >= 14)
+            ticks += std::stol(field);
+    }
+    return ticks;
+}
+
 std::string status_field(pid_t pid, const std::string& name)
 {
     std::istringstream status(read_file("/proc/" + std::to_string(pid) + "/status"));

@@ -13,6 +13,10 @@ int open_descriptor_count(pid_t pid);
 /// count itself opens; -1 when unreadable.
 int open_descriptor_count();
 
+/// Clock ticks of CPU time (user and system) process `pid` has used, from
+/// /proc/PID/stat.
+long cpu_ticks(pid_t pid);
+
 /// The text after "NAME:" on a line of /proc/PID/status, or "".
 std::string status_field(pid_t pid, const std::string& name);
 /// A KiB field of /proc/PID/status such as "VmHWM", or -1.

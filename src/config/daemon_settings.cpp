@@ -1,0 +1,128 @@
+#include "config/daemon_settings.h"
+
+#include "config/toml_access.h"
+
+#include <algorithm>
+#include <cinttypes>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+namespace {
+
+const char* const table_key = "daemon";
+
+const char* text_of(bool flag)
+{
+    return flag ? "true" : "false";
+}
+
+// How a value the daemon cannot use is shown in its warning.
+std::string describe(const std::shared_ptr<cpptoml::base>& node)
+{
+    if (const char* text = toml_get_the_damn_string(node))
+        return std::string("\"") + text + "\"";
+    if (const int64_t* number = toml_get_the_damn_value<int64_t>(node))
+        return std::to_string(*number);
+    if (const double* number = toml_get_the_damn_value<double>(node)) {
+        char buffer[64];
+        snprintf(buffer, sizeof buffer, "%g", *number);
+        return buffer;
+    }
+    if (const bool* flag = toml_get_the_damn_value<bool>(node))
+        return text_of(*flag);
+    if (node->is_table())
+        return "a table";
+    if (node->is_array() || node->is_table_array())
+        return "an array";
+    return "a date or time";
+}
+
+void read_flag(const cpptoml::table& table, const char* key, bool& setting)
+{
+    std::shared_ptr<cpptoml::base> node = toml_table_get(table, key);
+    if (!node)
+        return;
+    if (const bool* flag = toml_get_the_damn_value<bool>(node)) {
+        setting = *flag;
+        return;
+    }
+    fprintf(stderr, "Warning: [daemon] %s = %s is not a boolean, keeping %s\n", key,
+            describe(node).c_str(), text_of(setting));
+}
+
+void read_count(const cpptoml::table& table, const char* key, uint64_t& setting)
+{
+    std::shared_ptr<cpptoml::base> node = toml_table_get(table, key);
+    if (!node)
+        return;
+    const int64_t* number = toml_get_the_damn_value<int64_t>(node);
+    if (number == nullptr) {
+        fprintf(stderr, "Warning: [daemon] %s = %s is not an integer, keeping %" PRIu64 "\n", key,
+                describe(node).c_str(), setting);
+        return;
+    }
+    if (*number < 0) {
+        fprintf(stderr, "Warning: [daemon] %s = %" PRId64 " is below 0, keeping %" PRIu64 "\n", key,
+                *number, setting);
+        return;
+    }
+    setting = static_cast<uint64_t>(*number);
+}
+
+const char* const known_keys[] = {"wake_on_input", "close_long_lines", "max_message_bytes",
+                                  "tcp_idle_timeout_s", "client_send_timeout_ms"};
+
+// The library keeps a table's keys unordered; sorted, the warnings come in
+// the same order at every load.
+void report_unknown_keys(const cpptoml::table& table)
+{
+    std::vector<std::string> unknown;
+    for (const auto& item : table)
+        if (std::find(std::begin(known_keys), std::end(known_keys), item.first) == std::end(known_keys))
+            unknown.push_back(item.first);
+    std::sort(unknown.begin(), unknown.end());
+    for (const std::string& key : unknown)
+        fprintf(stderr, "Warning: [daemon] unknown key '%s' ignored\n", key.c_str());
+}
+
+void report(const DaemonSettings& settings)
+{
+    fprintf(stderr,
+            "Daemon settings: wake_on_input = %s, close_long_lines = %s, max_message_bytes = %" PRIu64
+            ", tcp_idle_timeout_s = %" PRIu64 ", client_send_timeout_ms = %" PRIu64 "\n",
+            text_of(settings.wake_on_input), text_of(settings.close_long_lines),
+            settings.max_message_bytes, settings.tcp_idle_timeout_s, settings.client_send_timeout_ms);
+}
+
+}  // namespace
+
+bool DaemonSettings::operator==(const DaemonSettings& other) const
+{
+    return wake_on_input == other.wake_on_input && close_long_lines == other.close_long_lines &&
+           max_message_bytes == other.max_message_bytes &&
+           tcp_idle_timeout_s == other.tcp_idle_timeout_s &&
+           client_send_timeout_ms == other.client_send_timeout_ms;
+}
+
+DaemonSettings read_daemon_settings(const cpptoml::table& root)
+{
+    DaemonSettings settings;
+    std::shared_ptr<cpptoml::base> node = toml_table_get(root, table_key);
+    if (!node)
+        return settings;
+    if (!node->is_table()) {
+        fprintf(stderr, "Warning: daemon = %s is not a table, keeping the defaults\n",
+                describe(node).c_str());
+        return settings;
+    }
+    const cpptoml::table& table = *node->as_table();
+    read_flag(table, "wake_on_input", settings.wake_on_input);
+    read_flag(table, "close_long_lines", settings.close_long_lines);
+    read_count(table, "max_message_bytes", settings.max_message_bytes);
+    read_count(table, "tcp_idle_timeout_s", settings.tcp_idle_timeout_s);
+    read_count(table, "client_send_timeout_ms", settings.client_send_timeout_ms);
+    report_unknown_keys(table);
+    report(settings);
+    return settings;
+}

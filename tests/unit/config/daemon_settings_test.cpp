@@ -1,0 +1,172 @@
+#include "config/configuration.h"
+#include "config/daemon_settings.h"
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <string>
+
+#include <unistd.h>
+
+namespace {
+
+constexpr const char* path = "/etc/q9_korvane_xml_events_d.toml";
+constexpr const char* one_section =
+    "[channel1]\n\"watch path\" = \"/w\"\n\"asset path\" = \"/a\"\n\"target channel\" = 1\n";
+constexpr const char* section_report =
+    "Added section 'channel1'\nEntry 'channel1'\n  Watch:      '/w'\n  Assets:     '/a'\n"
+    "  Channel:    1\n";
+constexpr const char* defaults_report =
+    "Daemon settings: wake_on_input = false, close_long_lines = false, max_message_bytes = 0, "
+    "tcp_idle_timeout_s = 0, client_send_timeout_ms = 0\n";
+
+class DaemonTable : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        configuration.clear();
+        configuration_path = path;
+        daemon_settings = DaemonSettings();
+        unlink(path);
+    }
+    void TearDown() override
+    {
+        configuration.clear();
+        daemon_settings = DaemonSettings();
+    }
+
+    static void write(const std::string& content) { std::ofstream(path, std::ios::trunc) << content; }
+
+    // Loads `content` as the configuration file; its stderr lands in `err`.
+    bool load(const std::string& content)
+    {
+        write(content);
+        testing::internal::CaptureStderr();
+        bool loaded = load_configuration();
+        err = testing::internal::GetCapturedStderr();
+        return loaded;
+    }
+
+    std::string err;
+};
+
+TEST_F(DaemonTable, FileWithoutTheTableKeepsTheClassicReportAndDefaults)
+{
+    daemon_settings.wake_on_input = true;
+    ASSERT_TRUE(load(one_section));
+    EXPECT_EQ(err, section_report);
+    EXPECT_TRUE(daemon_settings == DaemonSettings());
+}
+
+TEST_F(DaemonTable, EmptyTableReportsTheDefaultsInForce)
+{
+    ASSERT_TRUE(load(std::string(one_section) + "[daemon]\n"));
+    EXPECT_EQ(err, std::string(section_report) + defaults_report);
+    EXPECT_TRUE(daemon_settings == DaemonSettings());
+}
+
+TEST_F(DaemonTable, EverySettingIsReadAndReportedAfterTheSections)
+{
+    ASSERT_TRUE(load("[daemon]\nwake_on_input = true\nclose_long_lines = true\n"
+                     "max_message_bytes = 4096\ntcp_idle_timeout_s = 30\nclient_send_timeout_ms = 750\n" +
+                     std::string(one_section)));
+    EXPECT_EQ(err, std::string(section_report) +
+                       "Daemon settings: wake_on_input = true, close_long_lines = true, "
+                       "max_message_bytes = 4096, tcp_idle_timeout_s = 30, client_send_timeout_ms = 750\n");
+    EXPECT_TRUE(daemon_settings.wake_on_input);
+    EXPECT_TRUE(daemon_settings.close_long_lines);
+    EXPECT_EQ(daemon_settings.max_message_bytes, 4096u);
+    EXPECT_EQ(daemon_settings.tcp_idle_timeout_s, 30u);
+    EXPECT_EQ(daemon_settings.client_send_timeout_ms, 750u);
+}
+
+TEST_F(DaemonTable, FlagOfTheWrongTypeIsReportedAndKeepsItsDefault)
+{
+    ASSERT_TRUE(load("[daemon]\nwake_on_input = 1\nclose_long_lines = \"yes\"\n"));
+    EXPECT_EQ(err, "Warning: [daemon] wake_on_input = 1 is not a boolean, keeping false\n"
+                   "Warning: [daemon] close_long_lines = \"yes\" is not a boolean, keeping false\n" +
+                       std::string(defaults_report));
+    EXPECT_FALSE(daemon_settings.wake_on_input);
+}
+
+TEST_F(DaemonTable, CountOfTheWrongTypeOrBelowZeroIsReportedAndKeepsItsDefault)
+{
+    ASSERT_TRUE(load("[daemon]\nmax_message_bytes = -1\ntcp_idle_timeout_s = 2.5\n"
+                     "client_send_timeout_ms = true\nwake_on_input = true\n"));
+    EXPECT_EQ(err, "Warning: [daemon] max_message_bytes = -1 is below 0, keeping 0\n"
+                   "Warning: [daemon] tcp_idle_timeout_s = 2.5 is not an integer, keeping 0\n"
+                   "Warning: [daemon] client_send_timeout_ms = true is not an integer, keeping 0\n"
+                   "Daemon settings: wake_on_input = true, close_long_lines = false, "
+                   "max_message_bytes = 0, tcp_idle_timeout_s = 0, client_send_timeout_ms = 0\n");
+    EXPECT_TRUE(daemon_settings.wake_on_input);
+    EXPECT_EQ(daemon_settings.max_message_bytes, 0u);
+}
+
+TEST_F(DaemonTable, ZeroIsAcceptedForEveryCount)
+{
+    ASSERT_TRUE(load("[daemon]\nmax_message_bytes = 0\ntcp_idle_timeout_s = 0\nclient_send_timeout_ms = 0\n"));
+    EXPECT_EQ(err, defaults_report);
+}
+
+TEST_F(DaemonTable, ArraysTablesAndDatesAreNamedInTheWarning)
+{
+    ASSERT_TRUE(load("[daemon]\nwake_on_input = [true]\nmax_message_bytes = 1979-05-27\n"
+                     "[daemon.close_long_lines]\n"));
+    EXPECT_EQ(err, "Warning: [daemon] wake_on_input = an array is not a boolean, keeping false\n"
+                   "Warning: [daemon] close_long_lines = a table is not a boolean, keeping false\n"
+                   "Warning: [daemon] max_message_bytes = a date or time is not an integer, keeping 0\n" +
+                       std::string(defaults_report));
+}
+
+TEST_F(DaemonTable, UnknownKeysAreReportedInNameOrderAndIgnored)
+{
+    ASSERT_TRUE(load("[daemon]\nzeta = 1\nwake_on_input = true\nalpha = \"x\"\nWake_On_Input = false\n"));
+    EXPECT_EQ(err, "Warning: [daemon] unknown key 'Wake_On_Input' ignored\n"
+                   "Warning: [daemon] unknown key 'alpha' ignored\n"
+                   "Warning: [daemon] unknown key 'zeta' ignored\n"
+                   "Daemon settings: wake_on_input = true, close_long_lines = false, "
+                   "max_message_bytes = 0, tcp_idle_timeout_s = 0, client_send_timeout_ms = 0\n");
+    EXPECT_TRUE(daemon_settings.wake_on_input);
+}
+
+TEST_F(DaemonTable, DaemonThatIsNoTableIsReportedAndGivesTheDefaults)
+{
+    daemon_settings.wake_on_input = true;
+    ASSERT_TRUE(load("daemon = \"fast\"\n"));
+    EXPECT_EQ(err, "Warning: daemon = \"fast\" is not a table, keeping the defaults\n");
+    EXPECT_TRUE(daemon_settings == DaemonSettings());
+}
+
+TEST_F(DaemonTable, TableIsNoEventSection)
+{
+    ASSERT_TRUE(load("[daemon]\n\"watch path\" = \"/w\"\n\"asset path\" = \"/a\"\n\"target channel\" = 1\n"));
+    EXPECT_TRUE(configuration.empty());
+}
+
+TEST_F(DaemonTable, FailedLoadKeepsTheSettingsInForce)
+{
+    ASSERT_TRUE(load("[daemon]\nwake_on_input = true\nmax_message_bytes = 10\n"));
+    EXPECT_FALSE(load("[daemon\nwake_on_input = false\n"));
+    EXPECT_TRUE(daemon_settings.wake_on_input);
+    EXPECT_EQ(daemon_settings.max_message_bytes, 10u);
+    unlink(path);
+    testing::internal::CaptureStderr();
+    EXPECT_FALSE(load_configuration());
+    testing::internal::GetCapturedStderr();
+    EXPECT_TRUE(daemon_settings.wake_on_input);
+}
+
+TEST_F(DaemonTable, GoodLoadWithoutTheTableReturnsToTheDefaults)
+{
+    ASSERT_TRUE(load("[daemon]\nwake_on_input = true\ntcp_idle_timeout_s = 5\n"));
+    ASSERT_TRUE(load(one_section));
+    EXPECT_TRUE(daemon_settings == DaemonSettings());
+}
+
+TEST_F(DaemonTable, LargestIntegerIsAccepted)
+{
+    ASSERT_TRUE(load("[daemon]\ntcp_idle_timeout_s = 9223372036854775807\n"));
+    EXPECT_EQ(daemon_settings.tcp_idle_timeout_s, 9223372036854775807u);
+}
+
+}  // namespace
