@@ -12,8 +12,11 @@
 // the pass that handles a trigger, with no listener, one and 64, beside the
 // floor: the CPU time of a plain send() of the same frame to a local reader
 // that drains it, measured in this process once the daemon has stopped.
-#include "bench_support.h"
+#include "command_line.h"
 #include "frame.h"
+#include "peers.h"
+#include "probes.h"
+#include "stats.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -238,19 +241,12 @@ void print_notify_cost(const TriggerPasses& none, const TriggerPasses& one,
 
 int main(int argc, char** argv)
 {
-    int triggers = 100;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (strcmp(argv[i], "--triggers") == 0)
-            triggers = atoi(argv[i + 1]);
-    }
-    write_minimal_config();
+    int triggers = static_cast<int>(option(argc, argv, "triggers", 100));
     std::string probe_path = probe_file("fanout");
     ProbeReader probe(probe_path);
     auto daemon = start_probed_daemon(probe_path);
-    if (!wait_daemon_ready()) {
-        fprintf(stderr, "fanout: the daemon did not come up\n");
+    if (!daemon)
         return 1;
-    }
     TriggerConnection connection;
     if (!connection.connected()) {
         fprintf(stderr, "fanout: the trigger connection could not connect\n");
@@ -328,7 +324,7 @@ int main(int argc, char** argv)
     if (spread.incomplete > 0)
         printf("%d triggers did not reach all %zu clients within 5 s.\n\n", spread.incomplete,
                listeners);
-    stop_daemon(*daemon);
+    daemon->stop(daemon_limit);
     print_notify_cost(none, one, all, measure_floor(listeners, triggers));
     return 0;
 }

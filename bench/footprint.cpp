@@ -9,7 +9,11 @@
 // persistent media item are registered, so each trigger takes the whole
 // path.  The clients come in rounds: all of a round connect, register for
 // every trigger, get their reply and hang up.
-#include "bench_support.h"
+#include "files.h"
+#include "peers.h"
+#include "proc.h"
+#include "probes.h"
+#include "stats.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -52,11 +56,11 @@ public:
     }
     void sample(const std::string& point, uint64_t triggers, uint64_t clients)
     {
-        auto rss = resident_kib(pid_);
-        table_.add({point, grouped(triggers), grouped(clients), grouped(rss.first),
-                    grouped(status_kib(pid_, "RssAnon")), grouped(status_kib(pid_, "RssFile")),
-                    grouped(rss.second), grouped(heap_kib(pid_)),
-                    std::to_string(descriptor_count(pid_))});
+        table_.add({point, grouped(triggers), grouped(clients), grouped(q9test::resident_kib(pid_)),
+                    grouped(q9test::status_kib(pid_, "RssAnon")),
+                    grouped(q9test::status_kib(pid_, "RssFile")),
+                    grouped(q9test::status_kib(pid_, "VmHWM")), grouped(heap_kib(pid_)),
+                    std::to_string(q9test::open_descriptor_count(pid_))});
     }
     void print() const { table_.print(); }
 
@@ -69,33 +73,13 @@ private:
 void send_triggers(int count, std::atomic<uint64_t>& acknowledged)
 {
     TriggerConnection connection;
-    std::string all;
-    for (int i = 0; i < count; ++i)
-        all += "ONE LINE TRIGGER\n";
-    size_t sent = 0, reply_bytes = 0;
-    double deadline = now_us() + 600e6;
-    while (reply_bytes < 3u * count && now_us() < deadline && connection.connected()) {
-        short events = sent < all.size() ? POLLIN | POLLOUT : POLLIN;
-        pollfd ready{connection.fd(), events, 0};
-        if (poll(&ready, 1, 100) <= 0)
-            continue;
-        if (ready.revents & POLLOUT) {
-            ssize_t length = send(connection.fd(), all.data() + sent, all.size() - sent,
-                                  MSG_DONTWAIT | MSG_NOSIGNAL);
-            if (length > 0)
-                sent += static_cast<size_t>(length);
-        }
-        if (ready.revents & POLLIN) {
-            char buffer[65536];
-            ssize_t length = recv(connection.fd(), buffer, sizeof(buffer), MSG_DONTWAIT);
-            if (length <= 0)
-                return;
-            // "OK\n" per one-line trigger.
-            uint64_t before = reply_bytes / 3;
-            reply_bytes += static_cast<size_t>(length);
-            acknowledged += reply_bytes / 3 - before;
-        }
-    }
+    // "OK\n" per one-line trigger.
+    uint64_t counted = 0;
+    send_and_collect(connection, repeated("ONE LINE TRIGGER\n", count), 3u * count, 600e6,
+                     [&](size_t reply_bytes) {
+                         acknowledged += reply_bytes / 3 - counted;
+                         counted = reply_bytes / 3;
+                     });
 }
 
 // Connects a round of clients, registers each, and hangs them all up.
@@ -114,11 +98,8 @@ int client_round_trip(int count)
     for (comm_socket_v4* sock : clients) {
         q9test::wait_until([&] { return comm_socket_v4_idle(sock) < 0 || (sock->established & 1); });
         comm_socket_v4_packet* packet = comm_socket_v4_packet_create();
-        packet->flags = COMM_SOCKET_V4_MODE_BIT | COMM_SOCKET_V4_REPLY_WANTED;
-        comm_socket_v4_packet_begin_writing(packet, 0, "register", "");
-        comm_socket_v4_packet_write_argv_end(packet);
-        comm_socket_v4_packet_write_nv_pair(packet, "triggers", "*");
-        comm_socket_v4_packet_write_end(packet);
+        packet->flags = q9test::reply_wanted_flags;
+        q9test::write_packet(packet, "register", "", {}, {{"triggers", "*"}});
         comm_socket_v4_packet_send_to_server(sock, packet);
         comm_socket_v4_packet_release(packet);
         comm_socket_v4_idle(sock);
@@ -143,10 +124,10 @@ int client_round_trip(int count)
 
 int main()
 {
-    write_minimal_config();
+    q9test::write_config(q9test::minimal_config());
     MediaItemService media;
     q9test::Daemon daemon;
-    if (!wait_daemon_ready()) {
+    if (!daemon.wait_until_running(daemon_limit)) {
         fprintf(stderr, "footprint: the daemon did not come up\n");
         return 1;
     }
@@ -179,7 +160,7 @@ int main()
     footprint.sample("idle after the triggers", acknowledged, 0);
 
     int answered = 0;
-    int idle_descriptors = descriptor_count(daemon.pid());
+    int idle_descriptors = q9test::open_descriptor_count(daemon.pid());
     start = now_us();
     for (int done = 0; done < client_total;) {
         answered += client_round_trip(client_round);
@@ -187,7 +168,7 @@ int main()
         if (done % (client_total / 4) != 0)
             continue;
         // Sampled once the daemon has seen the round hang up.
-        q9test::wait_until([&] { return descriptor_count(daemon.pid()) <= idle_descriptors; },
+        q9test::wait_until([&] { return q9test::open_descriptor_count(daemon.pid()) <= idle_descriptors; },
                            std::chrono::milliseconds(3000));
         footprint.sample("clients came and went", acknowledged, done);
     }
@@ -207,6 +188,6 @@ int main()
            "clients answered, in %.1f s.\n\n",
            grouped(acknowledged).c_str(), trigger_seconds, grouped(media.arrivals().size()).c_str(),
            grouped(notified).c_str(), answered, client_total, client_seconds);
-    stop_daemon(daemon);
+    daemon.stop(daemon_limit);
     return 0;
 }

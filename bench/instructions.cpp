@@ -9,7 +9,10 @@
 // workload's figure is its count less the idle passes it spanned, divided by
 // its units of work.  Only user-space instructions are counted: the kernel's
 // work in the system calls is not.
-#include "bench_support.h"
+#include "command_line.h"
+#include "peers.h"
+#include "probes.h"
+#include "stats.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -43,48 +46,21 @@ uint64_t callgrind_total(const std::string& path)
     return 0;
 }
 
-// Sends all of `bytes` on `connection` and waits for `reply_bytes` bytes back.
-void send_and_wait(const std::string& bytes, size_t reply_bytes, TriggerConnection& connection)
-{
-    size_t sent = 0, received = 0;
-    double deadline = now_us() + 120e6;
-    while ((sent < bytes.size() || received < reply_bytes) && now_us() < deadline) {
-        short events = sent < bytes.size() ? POLLIN | POLLOUT : POLLIN;
-        pollfd ready{connection.fd(), events, 0};
-        if (poll(&ready, 1, 100) <= 0)
-            continue;
-        if (ready.revents & POLLOUT) {
-            ssize_t length = send(connection.fd(), bytes.data() + sent, bytes.size() - sent,
-                                  MSG_DONTWAIT | MSG_NOSIGNAL);
-            if (length > 0)
-                sent += static_cast<size_t>(length);
-        }
-        if (ready.revents & POLLIN) {
-            char buffer[65536];
-            ssize_t length = recv(connection.fd(), buffer, sizeof(buffer), MSG_DONTWAIT);
-            if (length <= 0)
-                return;
-            received += static_cast<size_t>(length);
-        }
-    }
-}
-
 // Runs `workload` against a daemon under callgrind.
 template <typename Workload>
 Count count_instructions(const std::string& name, Workload workload)
 {
-    write_minimal_config();
-    std::string out = "/run/q9-bench/callgrind-" + name + ".out";
+    q9test::write_config(q9test::minimal_config());
+    std::string out = q9test::work_dir() + "/callgrind-" + name + ".out";
     std::string probe_path = probe_file("instructions-" + name);
     ProbeReader probe(probe_path);
     std::vector<std::string> wrapper = {"valgrind", "--tool=callgrind", "--quiet",
                                         "--callgrind-out-file=" + out, "--collect-atstart=no"};
     for (const char* function : pass_functions)
         wrapper.push_back(std::string("--toggle-collect=") + function);
-    ToolDaemon daemon(wrapper, {"LD_PRELOAD=" + pass_probe_library(true),
-                                std::string(pass_probe_env) + "=" + probe_path});
+    q9test::Daemon daemon({}, wrapper, probe_environment(probe_path, true));
     Count count;
-    if (!wait_daemon_ready()) {
+    if (!daemon.wait_until_running(daemon_limit)) {
         fprintf(stderr, "instructions: the daemon did not come up under callgrind\n");
         return count;
     }
@@ -92,29 +68,17 @@ Count count_instructions(const std::string& name, Workload workload)
     workload();
     // The last pass of the work is over once another has begun.
     probe.wait_passes(probe.passes(), 2);
-    daemon.stop();
+    daemon.stop(daemon_limit);
     count.instructions = callgrind_total(out);
     count.passes = probe.passes();
     return count;
-}
-
-std::string repeated(const std::string& text, int times)
-{
-    std::string all;
-    for (int i = 0; i < times; ++i)
-        all += text;
-    return all;
 }
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    int idle_passes = 20;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (strcmp(argv[i], "--idle-passes") == 0)
-            idle_passes = atoi(argv[i + 1]);
-    }
+    int idle_passes = static_cast<int>(option(argc, argv, "idle-passes", 20));
     Table table({"workload", "passes", "instructions", "per unit", "unit"});
     Count idle = count_instructions("idle", [&] { sleep_ms(idle_passes * 250.0); });
     double per_idle_pass = idle.passes ? static_cast<double>(idle.instructions) / idle.passes : 0;
@@ -129,7 +93,7 @@ int main(int argc, char** argv)
     const int blank_bytes = 10240;
     Count blank = count_instructions("blank", [&] {
         TriggerConnection connection;
-        send_and_wait(std::string(blank_bytes, '\n'), 0, connection);
+        send_and_collect(connection, std::string(blank_bytes, '\n'), 0, 120e6);
         sleep_ms(5 * 250.0);
     });
     add("10,240 bytes of blank lines on one connection", blank, blank_bytes, "byte read");
@@ -137,7 +101,7 @@ int main(int argc, char** argv)
     const int one_line = 1000;
     Count triggers = count_instructions("one-line", [&] {
         TriggerConnection connection;
-        send_and_wait(repeated("ONE LINE TRIGGER\n", one_line), 3 * one_line, connection);
+        send_and_collect(connection, repeated("ONE LINE TRIGGER\n", one_line), 3 * one_line, 120e6);
     });
     add("1,000 `ONE LINE TRIGGER` lines, no local client, no item", triggers, one_line, "trigger");
 
@@ -147,7 +111,7 @@ int main(int argc, char** argv)
         service_request("register", {{"target", "bench-item"}});
         ListenerGroup group(64, false);
         TriggerConnection connection;
-        send_and_wait(repeated("TRIGGER\nseq=1\nsource=bench\n\n", fanned), 4 * fanned, connection);
+        send_and_collect(connection, repeated("TRIGGER\nseq=1\nsource=bench\n\n", fanned), 4 * fanned, 120e6);
         q9test::wait_until([&] { return group.received() >= 64u * fanned; });
     });
     add("100 `TRIGGER` messages (2 pairs) to 64 listeners and 1 item, with the 64 "

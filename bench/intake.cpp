@@ -8,7 +8,10 @@
 // daemon runs with the pass probe preloaded, which marks the pass borders;
 // the counts are taken right at a border, while the daemon sleeps and reads
 // nothing, so bytes per pass are exact.
-#include "bench_support.h"
+#include "command_line.h"
+#include "peers.h"
+#include "probes.h"
+#include "stats.h"
 
 #include <cstdio>
 #include <cstring>
@@ -20,25 +23,18 @@ namespace {
 constexpr double ceiling_per_pass = 2560;
 constexpr double ceiling_per_second = 10240;
 
-struct Options {
-    uint64_t passes = 40;
-};
-
 struct Load {
     const char* name;
     std::string payload;
 };
 
-void measure(const Load& load, const Options& options, Table& per_connection, Table& passes)
+void measure(const Load& load, uint64_t passes_measured, Table& per_connection, Table& passes)
 {
-    write_minimal_config();
     std::string probe_path = probe_file("intake");
     ProbeReader probe(probe_path);
     auto daemon = start_probed_daemon(probe_path);
-    if (!wait_daemon_ready()) {
-        fprintf(stderr, "intake: the daemon did not come up\n");
+    if (!daemon)
         return;
-    }
     FullIntake intake(load.payload);
     if (!intake.connected()) {
         fprintf(stderr, "intake: the peers could not connect\n");
@@ -47,7 +43,7 @@ void measure(const Load& load, const Options& options, Table& per_connection, Ta
     // Let the kernel queues fill, so the daemon finds a full budget from the
     // first measured pass on.
     probe.wait_passes(probe.passes(), 4);
-    PassWindow window = measure_passes(probe, daemon->pid(), options.passes, &intake);
+    PassWindow window = measure_passes(probe, daemon->pid(), passes_measured, &intake);
     double seconds = window.elapsed_us / 1e6;
     for (size_t i = 0; i < window.consumed.size(); ++i) {
         double per_pass = static_cast<double>(window.consumed[i]) / window.passes;
@@ -66,18 +62,14 @@ void measure(const Load& load, const Options& options, Table& per_connection, Ta
     passes.add({load.name, grouped(window.passes), fixed(window.elapsed_us / window.passes / 1000, 2),
                 fixed(work.p50 / 1000, 2), fixed(work.max / 1000, 2), fixed(calls.p50, 0),
                 grouped(intake.answered())});
-    stop_daemon(*daemon);
+    daemon->stop(daemon_limit);
 }
 
 }  // namespace
 
 int main(int argc, char** argv)
 {
-    Options options;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (strcmp(argv[i], "--passes") == 0)
-            options.passes = strtoull(argv[i + 1], nullptr, 10);
-    }
+    auto passes_measured = static_cast<uint64_t>(option(argc, argv, "passes", 40));
     std::vector<Load> loads = {
         {"blank lines (`\\n`, read and dropped)", std::string("\n")},
         {"`ONE LINE TRIGGER\\n` (17 B, each answered)", std::string("ONE LINE TRIGGER\n")},
@@ -86,11 +78,11 @@ int main(int argc, char** argv)
     Table passes({"load", "passes", "pass period ms", "work p50 ms", "work max ms",
                   "recv calls per pass p50", "reply bytes"});
     for (const Load& load : loads)
-        measure(load, options, per_connection, passes);
+        measure(load, passes_measured, per_connection, passes);
 
     heading("TCP intake",
             "Four connections sending as fast as the daemon reads, over " +
-                std::to_string(options.passes) +
+                std::to_string(passes_measured) +
                 " passes; no local client and no persistent item. Target: at least 95 % of "
                 "2,560 bytes per pass per connection. The 10,240 B/s of the last column assume "
                 "exactly four passes a second; a pass lasts 250 ms plus its work (below), so "

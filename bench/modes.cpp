@@ -9,7 +9,10 @@
 // the gap is random between 2 and 8 ms: at a mean of 5 ms the bytes stay
 // below the intake ceiling of 10,240 B/s, which the waking daemon keeps as
 // the classic one does, so no trigger waits for a budget window.
-#include "bench_support.h"
+#include "command_line.h"
+#include "peers.h"
+#include "probes.h"
+#include "stats.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -68,18 +71,7 @@ std::vector<double> round_trips(const std::string& message, const std::string& r
             static_cast<ssize_t>(message.size()))
             break;
         sent.push_back(at);
-        size_t got = 0;
-        while (got < reply.size()) {
-            pollfd ready{connection.fd(), POLLIN, 0};
-            if (poll(&ready, 1, 5000) <= 0)
-                break;
-            char buffer[64];
-            ssize_t length = recv(connection.fd(), buffer, sizeof buffer, MSG_DONTWAIT);
-            if (length <= 0)
-                break;
-            got += static_cast<size_t>(length);
-        }
-        if (got < reply.size())
+        if (send_and_collect(connection, "", reply.size(), 5e6) < reply.size())
             break;
         trips.push_back(now_us() - at);
     }
@@ -200,14 +192,14 @@ Figures measure(const Mode& mode, const Options& options)
     q9test::write_config(q9test::minimal_config() +
                          (mode.waking ? "[daemon]\nwake_on_input = true\n" : ""));
     q9test::Daemon daemon;
-    if (!wait_daemon_ready()) {
+    if (!daemon.wait_until_running(daemon_limit)) {
         fprintf(stderr, "modes: the daemon did not come up\n");
         return figures;
     }
     measure_triggers(mode, mode.waking ? options.waking_triggers : options.classic_triggers, figures);
     measure_idle(daemon.pid(), options.idle_seconds, figures);
     measure_flood(daemon.pid(), options.flood_seconds, figures);
-    stop_daemon(daemon);
+    daemon.stop(daemon_limit);
     return figures;
 }
 
@@ -225,16 +217,10 @@ std::string share(double rate)
 Options parse(int argc, char** argv)
 {
     Options options;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (strcmp(argv[i], "--classic-triggers") == 0)
-            options.classic_triggers = atoi(argv[i + 1]);
-        else if (strcmp(argv[i], "--waking-triggers") == 0)
-            options.waking_triggers = atoi(argv[i + 1]);
-        else if (strcmp(argv[i], "--idle-seconds") == 0)
-            options.idle_seconds = atof(argv[i + 1]);
-        else if (strcmp(argv[i], "--flood-seconds") == 0)
-            options.flood_seconds = atof(argv[i + 1]);
-    }
+    options.classic_triggers = static_cast<int>(option(argc, argv, "classic-triggers", options.classic_triggers));
+    options.waking_triggers = static_cast<int>(option(argc, argv, "waking-triggers", options.waking_triggers));
+    options.idle_seconds = option(argc, argv, "idle-seconds", options.idle_seconds);
+    options.flood_seconds = option(argc, argv, "flood-seconds", options.flood_seconds);
     return options;
 }
 

@@ -11,12 +11,16 @@
 // heap allocation, giving each pass's own figures.  The probe's own work per
 // pass (four clock reads) is part of what it measures; the difference of the
 // two idle rows shows how much that is.
-#include "bench_support.h"
+#include "command_line.h"
+#include "peers.h"
+#include "probes.h"
+#include "stats.h"
 #include "fixed_paths.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <signal.h>
 #include <sys/socket.h>
 #include <time.h>
 #include <unistd.h>
@@ -30,10 +34,6 @@ namespace {
 
 constexpr size_t listeners = 64;
 constexpr int channels = 16;
-
-struct Options {
-    uint64_t passes = 40;
-};
 
 std::vector<std::string> probe_cells(const PassWindow& window)
 {
@@ -67,22 +67,22 @@ std::vector<std::string> kernel_cells(const PassWindow& window, uint64_t passes)
 }
 
 // The unmodified daemon, idle: only the kernel's figures.
-std::vector<std::string> idle_unprobed(const Options& options)
+std::vector<std::string> idle_unprobed(uint64_t passes_measured)
 {
-    write_minimal_config();
+    q9test::write_config(q9test::minimal_config());
     q9test::Daemon daemon;
-    wait_daemon_ready();
+    daemon.wait_until_running(daemon_limit);
     sleep_ms(1000);
     PassWindow window;
     ProcUsage before = proc_usage(daemon.pid());
     double start = now_us();
-    sleep_ms(options.passes * 250.0);
+    sleep_ms(passes_measured * 250.0);
     ProcUsage after = proc_usage(daemon.pid());
     window.elapsed_us = now_us() - start;
     window.usage.runtime_ns = after.runtime_ns - before.runtime_ns;
     window.usage.ticks = after.ticks - before.ticks;
     uint64_t passes = after.voluntary_switches - before.voluntary_switches;
-    stop_daemon(daemon);
+    daemon.stop(daemon_limit);
     std::vector<std::string> row = {"idle, without probe"};
     auto kernel = kernel_cells(window, passes);
     row.insert(row.end(), kernel.begin(), kernel.end());
@@ -92,18 +92,18 @@ std::vector<std::string> idle_unprobed(const Options& options)
 
 // The daemon with the probe; `load` runs while it is measured.
 template <typename Load>
-std::vector<std::string> probed(const std::string& name, const Options& options, bool idle,
+std::vector<std::string> probed(const std::string& name, uint64_t passes_measured, bool idle,
                                 Load load)
 {
-    write_minimal_config();
     std::string probe_path = probe_file("pass_cost");
     ProbeReader probe(probe_path);
     auto daemon = start_probed_daemon(probe_path);
-    wait_daemon_ready();
     std::vector<std::string> row = {name};
+    if (!daemon)
+        return row;
     load(*daemon, [&](const FullIntake* intake) {
         probe.wait_passes(probe.passes(), 4);
-        PassWindow window = measure_passes(probe, daemon->pid(), options.passes, intake);
+        PassWindow window = measure_passes(probe, daemon->pid(), passes_measured, intake);
         // Idle, every pass sleeps once and nothing else waits.
         uint64_t passes = idle ? window.usage.voluntary_switches : window.passes;
         auto kernel = kernel_cells(window, passes);
@@ -111,7 +111,7 @@ std::vector<std::string> probed(const std::string& name, const Options& options,
         auto inside = probe_cells(window);
         row.insert(row.end(), inside.begin(), inside.end());
     });
-    stop_daemon(*daemon);
+    daemon->stop(daemon_limit);
     return row;
 }
 
@@ -193,34 +193,31 @@ void system_call_costs()
 
 int main(int argc, char** argv)
 {
-    Options options;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (strcmp(argv[i], "--passes") == 0)
-            options.passes = strtoull(argv[i + 1], nullptr, 10);
-    }
+    auto passes_measured = static_cast<uint64_t>(option(argc, argv, "passes", 40));
     Table table({"daemon", "passes", "CPU µs/pass (schedstat)", "CPU µs/pass (utime+stime)",
                  "probe CPU p50 µs", "p90", "p99", "max", "work wall p50 µs",
                  "allocations/pass", "bytes allocated/pass", "passes that allocated",
                  "heap blocks kept"});
-    table.add(idle_unprobed(options));
-    table.add(probed("idle, with probe", options, true,
+    table.add(idle_unprobed(passes_measured));
+    table.add(probed("idle, with probe", passes_measured, true,
                      [](q9test::Daemon&, auto measure) { measure(nullptr); }));
 
     std::vector<std::string> channel_args = {"rendermgr"};
     for (int channel = 1; channel <= channels; ++channel)
         channel_args.push_back(std::to_string(channel));
-    pid_t simulator = start_simulator(channel_args);
+    auto simulator = start_simulator(channel_args);
     std::string last_socket = std::string(q9test::rendermgr_root) + "/channel" +
                               std::to_string(channels) + RENDERMGR_SOCKET_SUFFIX;
     q9test::wait_until([&] { return access(last_socket.c_str(), F_OK) == 0; });
-    table.add(probed("loaded: blank lines", options, false, [](q9test::Daemon& daemon, auto measure) {
+    table.add(probed("loaded: blank lines", passes_measured, false, [](q9test::Daemon& daemon, auto measure) {
         under_load(daemon, "\n", measure);
     }));
-    table.add(probed("loaded: `ONE LINE TRIGGER` lines", options, false,
+    table.add(probed("loaded: `ONE LINE TRIGGER` lines", passes_measured, false,
                      [](q9test::Daemon& daemon, auto measure) {
                          under_load(daemon, "ONE LINE TRIGGER\n", measure);
                      }));
-    stop_simulator(simulator);
+    simulator->signal(SIGTERM);
+    simulator->wait_exit();
 
     heading("Cost of a pass",
             "CPU time of the daemon per pass of its main loop, and heap allocations per pass. "

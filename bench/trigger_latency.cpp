@@ -16,7 +16,10 @@
 // identity, but the daemon starts the item of each trigger before it
 // notifies, and both arrive in the daemon's order, so the k-th start belongs
 // to the trigger of the k-th notify.
-#include "bench_support.h"
+#include "command_line.h"
+#include "peers.h"
+#include "probes.h"
+#include "stats.h"
 
 #include <poll.h>
 #include <sys/socket.h>
@@ -164,14 +167,9 @@ void add_summary_row(Table& table, const std::string& what, const std::vector<do
 Options parse(int argc, char** argv)
 {
     Options options;
-    for (int i = 1; i + 1 < argc; i += 2) {
-        if (strcmp(argv[i], "--triggers") == 0)
-            options.triggers = atoi(argv[i + 1]);
-        else if (strcmp(argv[i], "--burst-triggers") == 0)
-            options.burst_triggers = atoi(argv[i + 1]);
-        else if (strcmp(argv[i], "--gap-ms") == 0)
-            options.mean_gap_ms = atof(argv[i + 1]);
-    }
+    options.triggers = static_cast<int>(option(argc, argv, "triggers", options.triggers));
+    options.burst_triggers = static_cast<int>(option(argc, argv, "burst-triggers", options.burst_triggers));
+    options.mean_gap_ms = option(argc, argv, "gap-ms", options.mean_gap_ms);
     return options;
 }
 
@@ -219,10 +217,10 @@ Reach message_run(const Form& form, int triggers, bool closed, double gap_ms,
 int main(int argc, char** argv)
 {
     Options options = parse(argc, argv);
-    write_minimal_config();
+    q9test::write_config(q9test::minimal_config());
     MediaItemService media;
     q9test::Daemon daemon;
-    if (!media.listening() || !wait_daemon_ready()) {
+    if (!media.listening() || !daemon.wait_until_running(daemon_limit)) {
         fprintf(stderr, "trigger_latency: the daemon or the media-item service did not come up\n");
         return 1;
     }
@@ -288,6 +286,6 @@ int main(int argc, char** argv)
     add_summary_row(burst, "`ONE LINE TRIGGER`, all", burst_one_line.round_trips());
     burst.print();
 
-    stop_daemon(daemon);
+    daemon.stop(daemon_limit);
     return 0;
 }

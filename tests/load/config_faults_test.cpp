@@ -4,6 +4,8 @@
 //
 // Bounds: one failing and one good reload per test, a few passes.
 #include "load_support.h"
+#include "daemon.h"
+#include "text.h"
 
 #include <fcntl.h>
 #include <linux/capability.h>

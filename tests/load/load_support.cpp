@@ -1,50 +1,16 @@
 #include "load_support.h"
 
-#include "comm_socket_v4.h"
-
-#include <dirent.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
+#include "packet_peers.h"
+#include "proc.h"
+#include "tcp.h"
 
 #include <cstdlib>
-#include <cstring>
-#include <sstream>
 
 namespace q9load {
 
-namespace {
-
-int count_descriptors(pid_t pid)
-{
-    DIR* dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
-    if (dir == nullptr)
-        return -1;
-    int count = 0;
-    while (dirent* entry = readdir(dir)) {
-        if (entry->d_name[0] != '.')
-            ++count;
-    }
-    closedir(dir);
-    return count;
-}
-
-long resident_kib_of(pid_t pid)
-{
-    std::istringstream status(q9test::read_file("/proc/" + std::to_string(pid) + "/status"));
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::strtol(line.c_str() + 6, nullptr, 10);
-    }
-    return -1;
-}
-
-}  // namespace
-
 Footprint footprint_of(pid_t pid)
 {
-    return {count_descriptors(pid), resident_kib_of(pid)};
+    return {q9test::open_descriptor_count(pid), q9test::resident_kib(pid)};
 }
 
 void LoadTest::SetUp()
@@ -68,7 +34,7 @@ void LoadTest::start_daemon()
     ASSERT_TRUE(daemon->wait_until_running()) << daemon->stderr_text();
     ASSERT_TRUE(trigger_acknowledged());
     {
-        q9test::ServiceClient client;
+        q9test::PacketClient client;
         q9test::Packet reply;
         ASSERT_TRUE(client.request(reply, "test"));
     }
@@ -96,36 +62,6 @@ bool LoadTest::trigger_acknowledged(const std::string& message)
 {
     q9test::TcpPeer peer;
     return peer.send(message) && peer.receive(4) == "OK\n\n";
-}
-
-std::string request_frame(const std::string& command, const Pairs& pairs)
-{
-    return q9test::request_frame(COMM_SOCKET_V4_REPLY_WANTED | COMM_SOCKET_V4_MODE_BIT, command,
-                                 pairs);
-}
-
-int connect_unix(const std::string& path)
-{
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0)
-        return fd;
-    close(fd);
-    return -1;
-}
-
-bool send_all(int fd, const std::string& bytes)
-{
-    size_t done = 0;
-    while (done < bytes.size()) {
-        ssize_t sent = send(fd, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-        if (sent <= 0)
-            return false;
-        done += static_cast<size_t>(sent);
-    }
-    return true;
 }
 
 std::vector<std::vector<int>> numbered_commands(const std::string& text, const std::string& marker,

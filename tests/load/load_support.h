@@ -1,9 +1,9 @@
-// Shared pieces of the load and fault tests: the daemon's footprint read
-// from /proc, a fixture that takes it before and after, and raw peers that
-// misbehave in ways the harness's well-mannered clients never do.
+// Shared pieces of the load and fault tests: the daemon's footprint, a
+// fixture that takes it before and after, and the reading of numbered
+// commands out of what the daemon logged.
 #pragma once
 
-#include "harness.h"
+#include "daemon.h"
 
 #include <gtest/gtest.h>
 
@@ -11,7 +11,6 @@
 
 #include <memory>
 #include <string>
-#include <utility>
 #include <vector>
 
 namespace q9load {
@@ -56,18 +55,6 @@ protected:
     std::unique_ptr<q9test::Daemon> daemon;
     Footprint before;
 };
-
-/// Pairs of a request.
-using Pairs = std::vector<std::pair<std::string, std::string>>;
-
-/// The wire bytes of one request to the command service that wants a reply.
-std::string request_frame(const std::string& command, const Pairs& pairs);
-
-/// A raw stream connection to the Unix socket at `path`, or -1.
-int connect_unix(const std::string& path);
-
-/// Sends every byte of `bytes` on `fd`; false when the peer is gone.
-bool send_all(int fd, const std::string& bytes);
 
 /// The numbers N of every "<prefix>K-N" found after `marker` in `text`, one
 /// list per K, in the order they appear.

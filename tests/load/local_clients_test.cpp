@@ -4,6 +4,11 @@
 // Bounds: 10 rounds of 20 clients (200 in all); each round ends within a
 // few passes, the whole test within about 10 s; every wait is 15 s at most.
 #include "load_support.h"
+#include "daemon.h"
+#include "packet_peers.h"
+#include "packets.h"
+#include "tcp.h"
+#include "text.h"
 
 #include <unistd.h>
 
@@ -21,14 +26,14 @@ constexpr int clients_per_round = 20;
 void vanish_together(int count, int first)
 {
     std::vector<int> fds;
-    std::string half = request_frame("list-pmi", {});
+    std::string half = request_frame(reply_wanted_flags, "list-pmi");
     half.resize(half.size() / 2);
     for (int i = first; i < first + count; ++i) {
         int fd = connect_unix(service_path);
         ASSERT_GE(fd, 0);
         fds.push_back(fd);
         std::string name = "vanish-" + std::to_string(i);
-        EXPECT_TRUE(send_all(fd, request_frame("register", {{"target", name}, {"triggers", "*"}}) + half));
+        EXPECT_TRUE(send_all(fd, request_frame(reply_wanted_flags, "register", {{"target", name}, {"triggers", "*"}}) + half));
     }
     for (int fd : fds)
         close(fd);
@@ -38,7 +43,7 @@ class LocalClientsLoad : public LoadTest {};
 
 TEST_F(LocalClientsLoad, TwoHundredClientsVanishingMidRequestLeaveNoTrace)
 {
-    auto listener = std::make_unique<ServiceClient>();
+    auto listener = std::make_unique<PacketClient>();
     Packet reply;
     ASSERT_TRUE(listener->request(reply, "register", {{"triggers", "*"}}));
     int vanished = 0;
@@ -73,7 +78,7 @@ TEST_F(LocalClientsLoad, ClientsThatNeverReadTheirRepliesDoNotHoldTheDaemon)
             ASSERT_GE(fd, 0);
             std::string requests;
             for (int r = 0; r < 50; ++r)
-                requests += request_frame("test", {});
+                requests += request_frame(reply_wanted_flags, "test");
             EXPECT_TRUE(send_all(fd, requests));
             fds.push_back(fd);
         }
@@ -83,7 +88,7 @@ TEST_F(LocalClientsLoad, ClientsThatNeverReadTheirRepliesDoNotHoldTheDaemon)
     }
     ASSERT_TRUE(daemon->wait_for_stderr("* disconnected client\n", 1 + 200));
     {
-        ServiceClient client;
+        PacketClient client;
         Packet reply;
         ASSERT_TRUE(client.request(reply, "list-pmi"));
         EXPECT_EQ(reply.status, "OK");

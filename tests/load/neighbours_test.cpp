@@ -1,8 +1,14 @@
 // The appliance programs beside the daemon failing: render managers killed
 // and restarted or answering garbage, the media-item service absent, slow
 // or vanishing.  Triggers must go on being acknowledged through all of it.
+#include "daemon.h"
+#include "packet_peers.h"
+#include "packets.h"
+#include "process.h"
+#include "tcp.h"
+#include "text.h"
+#include "waiting.h"
 #include "load_support.h"
-#include "tool_process.h"
 
 #include "fixed_paths.h"
 
@@ -20,7 +26,6 @@
 
 using namespace q9test;
 using namespace q9load;
-using q9tools::ToolProcess;
 
 namespace {
 
@@ -83,7 +88,7 @@ protected:
     void register_items(const std::vector<std::string>& names)
     {
         {
-            ServiceClient client;
+            PacketClient client;
             Packet reply;
             for (const std::string& name : names)
                 ASSERT_TRUE(client.request(reply, "register", {{"target", name}}));

@@ -2,6 +2,12 @@
 // rewritten under the daemon's feet, reloads and a stop in the middle of a
 // stream of triggers.
 #include "load_support.h"
+#include "daemon.h"
+#include "files.h"
+#include "sandbox_syslog.h"
+#include "tcp.h"
+#include "text.h"
+#include "waiting.h"
 
 #include <signal.h>
 #include <unistd.h>

@@ -4,7 +4,12 @@
 // writes: what happens then depends on how the parent left SIGPIPE.
 //
 // Bounds: one daemon run and two triggers per test.
-#include "harness.h"
+
+#include "daemon.h"
+#include "files.h"
+#include "sandbox_syslog.h"
+#include "tcp.h"
+#include "waiting.h"
 
 #include <gtest/gtest.h>
 
@@ -20,22 +25,6 @@
 using namespace q9test;
 
 namespace {
-
-constexpr const char* work_dir = "/run/q9-stderr-test";
-
-// A copy of the daemon for this sandbox (the single-instance lock is on the
-// executable file).
-std::string daemon_copy()
-{
-    mkdir(work_dir, 0755);
-    std::string copy = std::string(work_dir) + "/q9_korvane_xml_events_d";
-    std::ifstream in(Q9_DAEMON_BINARY, std::ios::binary);
-    std::ofstream out(copy, std::ios::binary | std::ios::trunc);
-    out << in.rdbuf();
-    out.close();
-    chmod(copy.c_str(), 0755);
-    return copy;
-}
 
 class StderrReaderGone : public testing::Test {
 protected:

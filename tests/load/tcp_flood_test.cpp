@@ -6,6 +6,13 @@
 // reads at most 2,560 bytes of a connection per 250 ms pass, so the flood
 // takes about 40 passes (10 s); the test gives it 120 s.
 #include "load_support.h"
+#include "files.h"
+#include "packet_peers.h"
+#include "packets.h"
+#include "sandbox_syslog.h"
+#include "tcp.h"
+#include "text.h"
+#include "waiting.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -176,7 +183,7 @@ TEST_F(TcpLoad, MessageWithThousandsOfPairsIsHandledWholeAndLeavesNothingBehind)
 {
     // Bounds: one message of 5,000 name/value lines (about 50 KB, some 20
     // passes); its pairs are held only until the message is handled.
-    auto listener = std::make_unique<ServiceClient>();
+    auto listener = std::make_unique<PacketClient>();
     Packet notify;
     ASSERT_TRUE(listener->request(notify, "register", {{"triggers", "*"}}));
     std::string message = "TRIGGER\n";

@@ -1,8 +1,14 @@
 // Render-manager channels as the running daemon sees them: channel
 // directories and simulated render managers appear, die and vanish under it,
 // and it reports, retries and frees its connections.
-#include "harness.h"
-#include "tool_process.h"
+
+#include "daemon.h"
+#include "files.h"
+#include "proc.h"
+#include "process.h"
+#include "tcp.h"
+#include "text.h"
+#include "waiting.h"
 
 #include "fixed_paths.h"
 
@@ -19,7 +25,6 @@
 #include <sstream>
 
 using namespace q9test;
-using q9tools::ToolProcess;
 
 namespace {
 
@@ -90,27 +95,6 @@ void stop_render_managers(std::unique_ptr<ToolProcess>& simulator)
     simulator->signal(SIGTERM);
     EXPECT_EQ(simulator->wait_exit(), 0);
     simulator.reset();
-}
-
-int open_descriptors(pid_t pid)
-{
-    DIR* dir = opendir(("/proc/" + std::to_string(pid) + "/fd").c_str());
-    int count = 0;
-    while (const dirent* entry = readdir(dir))
-        count += entry->d_name[0] != '.';
-    closedir(dir);
-    return count;
-}
-
-long resident_kib(pid_t pid)
-{
-    std::istringstream status(read_file("/proc/" + std::to_string(pid) + "/status"));
-    std::string line;
-    while (std::getline(status, line)) {
-        if (line.rfind("VmRSS:", 0) == 0)
-            return std::stol(line.substr(6));
-    }
-    return -1;
 }
 
 class Channels : public ::testing::Test {
@@ -222,12 +206,12 @@ TEST_F(Channels, ChannelRenamedAwayIsDroppedEvenWhileOpen)
     auto simulator = start_render_managers({3});
     start_daemon();
     ASSERT_TRUE(daemon->wait_for_stderr(open_line(3)));
-    int descriptors = open_descriptors(daemon->pid());
+    int descriptors = open_descriptor_count(daemon->pid());
     // The render manager keeps serving: only the channel's name is gone.
     ASSERT_EQ(rename(channel_dir(3).c_str(), (std::string(rendermgr_root) + "/old3").c_str()), 0);
     EXPECT_TRUE(daemon->wait_for_stderr("Rendermgr channel 3 is no longer known\n"));
     EXPECT_TRUE(simulator->running());
-    EXPECT_EQ(open_descriptors(daemon->pid()), descriptors - 1);
+    EXPECT_EQ(open_descriptor_count(daemon->pid()), descriptors - 1);
     std::string err = daemon->stderr_text();
     EXPECT_EQ(count_of(err, "Channel 3: idle returned -1"), 0) << err;
     EXPECT_EQ(count_of(err, "Channel 3: connection closed"), 0) << err;
@@ -328,7 +312,7 @@ TEST_F(Channels, ChurnOf64ChannelsLeavesNothingBehindAndNeverStallsTriggers)
     TcpPeer trigger;
     ASSERT_TRUE(trigger.send("TRIGGER\n\n"));
     ASSERT_EQ(trigger.receive(4), "OK\n\n");
-    const int descriptors = open_descriptors(daemon->pid());
+    const int descriptors = open_descriptor_count(daemon->pid());
     long resident = 0;
     Clock::duration slowest{};
     std::unique_ptr<ToolProcess> current, retired;
@@ -356,7 +340,7 @@ TEST_F(Channels, ChurnOf64ChannelsLeavesNothingBehindAndNeverStallsTriggers)
     }
     retire_channels(current, serving, false);
     ASSERT_TRUE(daemon->wait_for_stderr("is no longer known\n", per_round * rounds, round_wait));
-    EXPECT_EQ(open_descriptors(daemon->pid()), descriptors);
+    EXPECT_EQ(open_descriptor_count(daemon->pid()), descriptors);
     long grown = resident_kib(daemon->pid()) - resident;
     RecordProperty("rss_kib_after_second_round", std::to_string(resident));
     RecordProperty("rss_growth_kib", std::to_string(grown));

@@ -1,8 +1,15 @@
 // The local command service seen by local programs: requests through the
 // service socket, the replies and notifications they get, and the lines the
 // daemon writes about its clients.
+
+#include "daemon.h"
+#include "daemon_test.h"
+#include "packet_peers.h"
+#include "packets.h"
+#include "tcp.h"
+#include "text.h"
+#include "waiting.h"
 #include "frame.h"
-#include "harness.h"
 
 #include <gtest/gtest.h>
 
@@ -22,7 +29,7 @@ using Pairs = std::vector<std::pair<std::string, std::string>>;
 const uint8_t kRequestFlags = COMM_SOCKET_V4_REPLY_WANTED | COMM_SOCKET_V4_MODE_BIT;
 
 // The reply to one request; an empty packet when none came.
-Packet ask(ServiceClient& client, const std::string& command, const Pairs& pairs = {},
+Packet ask(PacketClient& client, const std::string& command, const Pairs& pairs = {},
            uint64_t reference = 0)
 {
     Packet reply;
@@ -31,7 +38,7 @@ Packet ask(ServiceClient& client, const std::string& command, const Pairs& pairs
 }
 
 // The persistent media items, as "list-pmi" reports them.
-Pairs listed_items(ServiceClient& client)
+Pairs listed_items(PacketClient& client)
 {
     Packet reply = ask(client, "list-pmi");
     EXPECT_EQ(reply.command, "list-pmi");
@@ -46,20 +53,13 @@ bool trigger()
     return peer.send("TRIGGER\n\n") && peer.receive(4) == "OK\n\n";
 }
 
-class CommandService : public ::testing::Test {
+class CommandService : public DaemonTest {
 protected:
-    void SetUp() override
-    {
-        write_config(minimal_config());
-        daemon = std::make_unique<Daemon>();
-        ASSERT_TRUE(daemon->wait_until_running());
-    }
-
     // Whether `client` got a notification for one trigger.  The daemon
     // notifies clients in the order in which they connected, so once
     // `later`, registered for all triggers, has its notification, one for
     // `client` would already be waiting.
-    bool notified(ServiceClient& client, ServiceClient& later)
+    bool notified(PacketClient& client, PacketClient& later)
     {
         Packet packet;
         EXPECT_TRUE(trigger());
@@ -69,19 +69,17 @@ protected:
     }
 
     // A client registered for all triggers, connected after the others.
-    std::unique_ptr<ServiceClient> later_listener()
+    std::unique_ptr<PacketClient> later_listener()
     {
-        auto later = std::make_unique<ServiceClient>();
+        auto later = std::make_unique<PacketClient>();
         EXPECT_EQ(ask(*later, "register", {{"triggers", "*"}}).status, "OK");
         return later;
     }
-
-    std::unique_ptr<Daemon> daemon;
 };
 
 TEST_F(CommandService, TestIsAnsweredWithOneFixedPairAndTheRequestsReference)
 {
-    ServiceClient client;
+    PacketClient client;
     Packet reply = ask(client, "test", {}, 0x0123456789abcdefull);
     EXPECT_EQ(reply.command, "test");
     EXPECT_EQ(reply.status, "OK");
@@ -94,7 +92,7 @@ TEST_F(CommandService, TestIsAnsweredWithOneFixedPairAndTheRequestsReference)
 
 TEST_F(CommandService, ReplyCopiesAClearModeBit)
 {
-    ServiceClient client;
+    PacketClient client;
     ASSERT_TRUE(client.send_packet(COMM_SOCKET_V4_REPLY_WANTED, 7, "test", {}, {}));
     Packet reply;
     ASSERT_TRUE(client.receive(reply));
@@ -105,7 +103,7 @@ TEST_F(CommandService, ReplyCopiesAClearModeBit)
 
 TEST_F(CommandService, ListWithoutItemsHasNoPairs)
 {
-    ServiceClient client;
+    PacketClient client;
     Packet reply = ask(client, "list-pmi", {}, 99);
     EXPECT_EQ(reply.command, "list-pmi");
     EXPECT_EQ(reply.status, "OK");
@@ -116,7 +114,7 @@ TEST_F(CommandService, ListWithoutItemsHasNoPairs)
 
 TEST_F(CommandService, RegisterIsAnsweredOkAndItemsAreListedInNameOrder)
 {
-    ServiceClient client;
+    PacketClient client;
     Packet reply = ask(client, "register", {{"target", "b"}}, 5);
     EXPECT_EQ(reply.command, "register");
     EXPECT_EQ(reply.status, "OK");
@@ -130,8 +128,8 @@ TEST_F(CommandService, RegisterIsAnsweredOkAndItemsAreListedInNameOrder)
 
 TEST_F(CommandService, ItemNamedByTwoClientsIsOneItemAndEitherCanRemoveIt)
 {
-    ServiceClient first;
-    ServiceClient second;
+    PacketClient first;
+    PacketClient second;
     ASSERT_EQ(ask(first, "register", {{"target", "x"}}).status, "OK");
     ASSERT_EQ(ask(second, "register", {{"target", "x"}}).status, "OK");
     EXPECT_EQ(listed_items(first), (Pairs{{"item", "x"}}));
@@ -145,7 +143,7 @@ TEST_F(CommandService, ItemNamedByTwoClientsIsOneItemAndEitherCanRemoveIt)
 
 TEST_F(CommandService, RegisteringANewTargetKeepsTheEarlierOne)
 {
-    ServiceClient client;
+    PacketClient client;
     ASSERT_EQ(ask(client, "register", {{"target", "x"}}).status, "OK");
     ASSERT_EQ(ask(client, "register", {{"target", "y"}}).status, "OK");
     EXPECT_EQ(listed_items(client), (Pairs{{"item", "x"}, {"item", "y"}}));
@@ -153,7 +151,7 @@ TEST_F(CommandService, RegisteringANewTargetKeepsTheEarlierOne)
 
 TEST_F(CommandService, LaterTargetPairOfOneRequestCounts)
 {
-    ServiceClient client;
+    PacketClient client;
     ASSERT_EQ(ask(client, "register", {{"target", "first"}, {"other", "z"}, {"target", "second"}}).status,
               "OK");
     EXPECT_EQ(listed_items(client), (Pairs{{"item", "second"}}));
@@ -161,18 +159,18 @@ TEST_F(CommandService, LaterTargetPairOfOneRequestCounts)
 
 TEST_F(CommandService, ItemsOutliveTheClientThatRegisteredThem)
 {
-    auto client = std::make_unique<ServiceClient>();
+    auto client = std::make_unique<PacketClient>();
     ASSERT_EQ(ask(*client, "register", {{"target", "kept"}}).status, "OK");
     client.reset();
     ASSERT_TRUE(daemon->wait_for_stderr("* disconnected client\n"));
-    ServiceClient next;
+    PacketClient next;
     EXPECT_EQ(listed_items(next), (Pairs{{"item", "kept"}}));
 }
 
 TEST_F(CommandService, AllTriggersRegistrationBringsNotifications)
 {
-    ServiceClient client;
-    ServiceClient quiet;
+    PacketClient client;
+    PacketClient quiet;
     ASSERT_EQ(ask(quiet, "test").status, "OK");
     auto later = later_listener();
     EXPECT_FALSE(notified(client, *later));
@@ -183,7 +181,7 @@ TEST_F(CommandService, AllTriggersRegistrationBringsNotifications)
 
 TEST_F(CommandService, RegisterWithEmptyTriggersStopsNotifications)
 {
-    ServiceClient client;
+    PacketClient client;
     ASSERT_EQ(ask(client, "register", {{"triggers", "*"}}).status, "OK");
     auto later = later_listener();
     ASSERT_TRUE(notified(client, *later));
@@ -193,7 +191,7 @@ TEST_F(CommandService, RegisterWithEmptyTriggersStopsNotifications)
 
 TEST_F(CommandService, UnregisterWithEmptyTriggersKeepsNotificationsButStarStopsThem)
 {
-    ServiceClient client;
+    PacketClient client;
     ASSERT_EQ(ask(client, "register", {{"triggers", "*"}}).status, "OK");
     auto later = later_listener();
     ASSERT_EQ(ask(client, "unregister", {{"triggers", ""}}).status, "OK");
@@ -204,7 +202,7 @@ TEST_F(CommandService, UnregisterWithEmptyTriggersKeepsNotificationsButStarStops
 
 TEST_F(CommandService, UnknownTriggerStringIsAnsweredOkWithResult101AndChangesNoFlag)
 {
-    ServiceClient client;
+    PacketClient client;
     auto later = later_listener();
     Packet reply = ask(client, "register", {{"triggers", "abc"}}, 11);
     EXPECT_EQ(reply.command, "register");
@@ -220,7 +218,7 @@ TEST_F(CommandService, UnknownTriggerStringIsAnsweredOkWithResult101AndChangesNo
 
 TEST_F(CommandService, UnknownTriggerStringStillRegistersTheTarget)
 {
-    ServiceClient client;
+    PacketClient client;
     Packet reply = ask(client, "register", {{"target", "x"}, {"triggers", "abc"}});
     EXPECT_EQ(reply.status, "OK");
     EXPECT_EQ(reply.result, 101);
@@ -229,7 +227,7 @@ TEST_F(CommandService, UnknownTriggerStringStillRegistersTheTarget)
 
 TEST_F(CommandService, UnregisterWithUnknownTriggerStringIsAnsweredOkWithResult101)
 {
-    ServiceClient client;
+    PacketClient client;
     ASSERT_EQ(ask(client, "register", {{"triggers", "*"}}).status, "OK");
     auto later = later_listener();
     Packet reply = ask(client, "unregister", {{"triggers", "abc"}});
@@ -241,7 +239,7 @@ TEST_F(CommandService, UnregisterWithUnknownTriggerStringIsAnsweredOkWithResult1
 
 TEST_F(CommandService, UnknownCommandGetsTheStandardErrorReply)
 {
-    ServiceClient client;
+    PacketClient client;
     Packet reply = ask(client, "REGISTER", {{"target", "x"}}, 42);
     EXPECT_EQ(reply.command, "REGISTER");
     EXPECT_EQ(reply.status, "Unknown command");
@@ -255,7 +253,7 @@ TEST_F(CommandService, UnknownCommandGetsTheStandardErrorReply)
 
 TEST_F(CommandService, ArgumentsOfARequestAreIgnored)
 {
-    ServiceClient client;
+    PacketClient client;
     ASSERT_TRUE(client.send_packet(kRequestFlags, 8, "register", {"extra", "words"}, {{"target", "x"}}));
     Packet reply;
     ASSERT_TRUE(client.receive(reply));
@@ -267,7 +265,7 @@ TEST_F(CommandService, ArgumentsOfARequestAreIgnored)
 
 TEST_F(CommandService, RequestWithoutReplyWantedIsNotExecuted)
 {
-    ServiceClient client;
+    PacketClient client;
     auto later = later_listener();
     ASSERT_TRUE(client.send("register", {{"target", "x"}, {"triggers", "*"}}, false));
     ASSERT_TRUE(client.send("test", {}, false));
@@ -280,9 +278,9 @@ TEST_F(CommandService, RequestWithoutReplyWantedIsNotExecuted)
 
 TEST_F(CommandService, ConnectionsAndDisconnectionsAreReported)
 {
-    auto first = std::make_unique<ServiceClient>();
-    ServiceClient second;
-    ServiceClient third;
+    auto first = std::make_unique<PacketClient>();
+    PacketClient second;
+    PacketClient third;
     ASSERT_TRUE(daemon->wait_for_stderr("* new connection\n", 3));
     first.reset();
     ASSERT_TRUE(daemon->wait_for_stderr("* disconnected client\n"));
@@ -294,7 +292,7 @@ TEST_F(CommandService, ConnectionsAndDisconnectionsAreReported)
 
 TEST_F(CommandService, MalformedFramesDropOnlyTheirOwnClient)
 {
-    ServiceClient good;
+    PacketClient good;
     ASSERT_EQ(ask(good, "register", {{"target", "x"}, {"triggers", "*"}}).status, "OK");
     std::string oversized = request_frame(kRequestFlags, "test").substr(0, FRAME_PREFIX_SIZE);
     frame_store(reinterpret_cast<unsigned char*>(&oversized[0]) + FRAME_LENGTH_AT, 0xffffffffu);
@@ -304,7 +302,7 @@ TEST_F(CommandService, MalformedFramesDropOnlyTheirOwnClient)
                                   oversized + std::string(100, 'j'), out_of_frame};
     int dropped = 0;
     for (const std::string& frame : frames) {
-        int fd = raw_service_connection();
+        int fd = connect_unix(service_path);
         ASSERT_GE(fd, 0);
         ASSERT_EQ(send(fd, frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
         EXPECT_TRUE(daemon->wait_for_stderr("* disconnected client\n", ++dropped));
@@ -325,7 +323,7 @@ TEST_F(CommandService, MalformedFramesDropOnlyTheirOwnClient)
 
 TEST_F(CommandService, WellFormedRawFrameIsAnsweredAndKeepsItsConnection)
 {
-    int fd = raw_service_connection();
+    int fd = connect_unix(service_path);
     ASSERT_GE(fd, 0);
     std::string frame = request_frame(kRequestFlags, "test");
     ASSERT_EQ(send(fd, frame.data(), frame.size(), MSG_NOSIGNAL), static_cast<ssize_t>(frame.size()));
@@ -338,7 +336,7 @@ TEST_F(CommandService, WellFormedRawFrameIsAnsweredAndKeepsItsConnection)
 
 TEST_F(CommandService, ClientThatLeftAfterRegisteringForTriggersIsNotMissed)
 {
-    auto gone = std::make_unique<ServiceClient>();
+    auto gone = std::make_unique<PacketClient>();
     ASSERT_EQ(ask(*gone, "register", {{"triggers", "*"}}).status, "OK");
     gone.reset();
     ASSERT_TRUE(daemon->wait_for_stderr("* disconnected client\n"));

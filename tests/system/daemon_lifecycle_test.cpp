@@ -1,12 +1,17 @@
 // The running daemon: PID file, syslog, reload on SIGHUP, orderly stop and
 // the abort on the tenth stop signal.
-#include "harness.h"
+#include "daemon.h"
+#include "daemon_test.h"
+#include "files.h"
+#include "packet_peers.h"
+#include "sandbox_syslog.h"
+#include "text.h"
+#include "waiting.h"
 
 #include <gtest/gtest.h>
 
 #include <signal.h>
 #include <sys/socket.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -20,21 +25,9 @@ namespace {
 // reading a reply.  The connected socket, or -1.
 int flood_with_requests_never_reading()
 {
-    comm_socket_v4_packet* request = comm_socket_v4_packet_create();
-    comm_socket_v4_packet_begin_writing(request, 0, "test", "");
-    comm_socket_v4_packet_write_argv_end(request);
-    comm_socket_v4_packet_write_end(request);
-    uint32_t length;
-    memcpy(&length, request->data + 4, sizeof(length));
-    std::string frame(reinterpret_cast<const char*>(request->data), length);
-    comm_socket_v4_packet_release(request);
-    frame[8] = COMM_SOCKET_V4_REPLY_WANTED | COMM_SOCKET_V4_MODE_BIT;
-
-    int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address{};
-    address.sun_family = AF_UNIX;
-    strcpy(address.sun_path, service_path);
-    if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0)
+    std::string frame = request_frame(reply_wanted_flags, "test");
+    int fd = connect_unix(service_path);
+    if (fd < 0)
         return -1;
     size_t written = 0;
     auto last_progress = Clock::now();
@@ -51,17 +44,7 @@ int flood_with_requests_never_reading()
     return fd;
 }
 
-class RunningDaemon : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        write_config(minimal_config());
-        daemon = std::make_unique<Daemon>();
-        ASSERT_TRUE(daemon->wait_until_running());
-    }
-
-    std::unique_ptr<Daemon> daemon;
-};
+using RunningDaemon = DaemonTest;
 
 TEST_F(RunningDaemon, PidFileHoldsProcessIdAndNewline)
 {

@@ -1,6 +1,11 @@
 // Start-up of the daemon as an operator or an init script sees it: texts on
 // stderr, exit statuses, the PID file and syslog.
-#include "harness.h"
+
+#include "daemon.h"
+#include "files.h"
+#include "sandbox_syslog.h"
+#include "text.h"
+#include "waiting.h"
 
 #include <gtest/gtest.h>
 
@@ -176,15 +181,21 @@ TEST(DaemonStartup, SecondInstanceIsRefusedAndLeavesPidFileAlone)
     EXPECT_TRUE(first.running());
 }
 
+// Runs the daemon to its end and expects it to fail with status 1,
+// reporting `report` on stderr.
+void expect_start_fails_reporting(const std::string& report)
+{
+    auto [status, err] = run_daemon_to_end();
+    EXPECT_EQ(status, 1);
+    EXPECT_NE(err.find(report), std::string::npos) << err;
+}
+
 TEST(DaemonStartup, ServiceSocketPathTakenByDirectoryFails)
 {
     write_config(minimal_config());
     ASSERT_EQ(mkdir(service_path, 0755), 0);
-    auto [status, err] = run_daemon_to_end();
-    EXPECT_EQ(status, 1);
-    EXPECT_NE(err.find("Failed to create server socket at /var/run/q9_korvane_xml_events_d.service\n"),
-              std::string::npos)
-        << err;
+    expect_start_fails_reporting(
+        "Failed to create server socket at /var/run/q9_korvane_xml_events_d.service\n");
     // "Starting up" is logged before the server listens; no stop record follows.
     EXPECT_TRUE(wait_until([] { return syslog_count("q9_korvane_xml_events_d: Starting up") == 1; }));
     EXPECT_EQ(syslog_count("Shutting down"), 0);
@@ -194,10 +205,7 @@ TEST(DaemonStartup, UnwritablePidFileFails)
 {
     write_config(minimal_config());
     ASSERT_EQ(mkdir(pid_path, 0755), 0);
-    auto [status, err] = run_daemon_to_end();
-    EXPECT_EQ(status, 1);
-    EXPECT_NE(err.find("Unable to write PID file /var/run/q9_korvane_xml_events_d.pid\n"), std::string::npos)
-        << err;
+    expect_start_fails_reporting("Unable to write PID file /var/run/q9_korvane_xml_events_d.pid\n");
 }
 
 TEST(DaemonStartup, TakenTriggerPortFails)
@@ -209,11 +217,7 @@ TEST(DaemonStartup, TakenTriggerPortFails)
     address.sin_port = htons(9876);
     ASSERT_EQ(bind(blocker, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
     ASSERT_EQ(listen(blocker, 1), 0);
-    auto [status, err] = run_daemon_to_end();
-    EXPECT_EQ(status, 1);
-    EXPECT_NE(err.find("Cannot bind socket, Address already in use\nUnable to open TCP socket\n"),
-              std::string::npos)
-        << err;
+    expect_start_fails_reporting("Cannot bind socket, Address already in use\nUnable to open TCP socket\n");
     close(blocker);
 }
 

@@ -1,9 +1,15 @@
 // A trigger's whole road through the daemon: the TCP message, the media
 // items started at the media-item service, the notification of the local
 // listeners, and the acknowledgement back to the TCP peer, in that order.
-#include "harness.h"
-#include "tool_process.h"
 
+#include "no_copy.h"
+#include "daemon.h"
+#include "daemon_test.h"
+#include "packet_peers.h"
+#include "packets.h"
+#include "process.h"
+#include "tcp.h"
+#include "waiting.h"
 #include "comm_packet_reader.h"
 #include "frame.h"
 #include "q9mi.h"
@@ -27,7 +33,7 @@ using Pairs = std::vector<std::pair<std::string, std::string>>;
 // A media-item service played by the test itself: it listens but accepts
 // and reads only when asked, so whatever the daemon has sent by some moment
 // is exactly what is waiting in the socket's queue at that moment.
-class MediaItemQueue {
+class MediaItemQueue : q9test::NoCopy {
 public:
     MediaItemQueue()
     {
@@ -45,8 +51,6 @@ public:
         if (fd_ >= 0)
             close(fd_);
     }
-    MediaItemQueue(const MediaItemQueue&) = delete;
-    MediaItemQueue& operator=(const MediaItemQueue&) = delete;
 
     bool listening() const { return fd_ >= 0; }
 
@@ -57,23 +61,13 @@ public:
         std::vector<std::string> requests;
         int peer;
         while ((peer = accept4(fd_, nullptr, nullptr, SOCK_CLOEXEC)) >= 0) {
-            requests.push_back(request_text(read_available(peer)));
+            requests.push_back(request_text(receive_available(peer)));
             close(peer);
         }
         return requests;
     }
 
 private:
-    static std::string read_available(int peer)
-    {
-        std::string bytes;
-        char buffer[4096];
-        ssize_t length;
-        while ((length = recv(peer, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0)
-            bytes.append(buffer, static_cast<size_t>(length));
-        return bytes;
-    }
-
     static std::string request_text(std::string frame)
     {
         if (!frame_valid(reinterpret_cast<const unsigned char*>(frame.data()), frame.size()))
@@ -92,7 +86,7 @@ private:
 // Registers the persistent media items `names` through a short-lived client.
 void register_items(const std::vector<std::string>& names)
 {
-    ServiceClient client;
+    PacketClient client;
     for (const std::string& name : names) {
         Packet reply;
         ASSERT_TRUE(client.request(reply, "register", {{"target", name}}));
@@ -101,9 +95,9 @@ void register_items(const std::vector<std::string>& names)
 }
 
 // A client registered for all triggers.
-std::unique_ptr<ServiceClient> listener()
+std::unique_ptr<PacketClient> listener()
 {
-    auto client = std::make_unique<ServiceClient>();
+    auto client = std::make_unique<PacketClient>();
     Packet reply;
     EXPECT_TRUE(client->request(reply, "register", {{"triggers", "*"}}));
     EXPECT_EQ(reply.status, "OK");
@@ -112,33 +106,24 @@ std::unique_ptr<ServiceClient> listener()
 
 // The next packet that has already reached `client`; an empty packet when
 // none has.
-Packet already_received(ServiceClient& client)
+Packet already_received(PacketClient& client)
 {
     Packet packet;
     client.receive(packet, std::chrono::milliseconds(0));
     return packet;
 }
 
-class EndToEnd : public ::testing::Test {
+class EndToEnd : public DaemonTest {
 protected:
-    void SetUp() override
-    {
-        write_config(minimal_config());
-        daemon = std::make_unique<Daemon>();
-        ASSERT_TRUE(daemon->wait_until_running());
-    }
-
     // Starts the media-item simulator and waits until it takes requests;
     // the request that shows this is logged as "start probe".
-    std::unique_ptr<q9tools::ToolProcess> start_simulator()
+    std::unique_ptr<q9test::ToolProcess> start_simulator()
     {
         auto simulator =
-            std::make_unique<q9tools::ToolProcess>(Q9_SIM_BINARY, std::vector<std::string>{"mediaitem"});
+            std::make_unique<q9test::ToolProcess>(Q9_SIM_BINARY, std::vector<std::string>{"mediaitem"});
         EXPECT_TRUE(wait_until([] { return q9mi_start_item("probe") == 0; }));
         return simulator;
     }
-
-    std::unique_ptr<Daemon> daemon;
 };
 
 TEST_F(EndToEnd, TriggerStartsEveryItemInNameOrderNotifiesAndIsAcknowledged)
@@ -216,7 +201,7 @@ int stuck_listener()
     const uint8_t wants_reply = COMM_SOCKET_V4_REPLY_WANTED | COMM_SOCKET_V4_MODE_BIT;
     std::string registration = request_frame(wants_reply, "register", {{"triggers", "*"}});
     std::string question = request_frame(wants_reply, std::string(4 << 20, 'Q'));
-    int fd = raw_service_connection();
+    int fd = connect_unix(service_path);
     auto send_all = [fd](const std::string& bytes) {
         return send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size());
     };

@@ -5,7 +5,13 @@
 //
 // Q9_RANDOM_PEERS_SECONDS sets the length of the run (10 s by default) and
 // Q9_RANDOM_PEERS_SEED repeats a run; the seed is printed with the results.
-#include "harness.h"
+
+#include "daemon.h"
+#include "packet_peers.h"
+#include "packets.h"
+#include "tcp.h"
+#include "text.h"
+#include "waiting.h"
 
 #include <gtest/gtest.h>
 
@@ -137,7 +143,7 @@ struct RandomPeer {
 };
 
 // Takes in every notification that has arrived; their number.
-int drain(ServiceClient& listener)
+int drain(PacketClient& listener)
 {
     int count = 0;
     Packet packet;
@@ -166,7 +172,7 @@ TEST(RandomPeers, RandomBytesFromFourPeersNeitherCrashTheDaemonNorStopItServingO
     int seconds = run_seconds();
     SCOPED_TRACE("Q9_RANDOM_PEERS_SEED=" + std::to_string(seed));
     std::mt19937_64 rng(seed);
-    ServiceClient listener;
+    PacketClient listener;
     Packet reply;
     ASSERT_TRUE(listener.request(reply, "register", {{"triggers", "*"}}));
     std::vector<RandomPeer> peers(4);

@@ -1,7 +1,13 @@
 // The TCP trigger service seen from outside: real TCP peers on port 9876,
 // the exact bytes they get back, and what the daemon reports on stderr and
 // syslog about them.
-#include "harness.h"
+
+#include "daemon.h"
+#include "daemon_test.h"
+#include "sandbox_syslog.h"
+#include "tcp.h"
+#include "text.h"
+#include "waiting.h"
 
 #include <gtest/gtest.h>
 
@@ -49,15 +55,8 @@ void run_steps(TcpPeer& lower, TcpPeer& higher, int steps)
     }
 }
 
-class TriggerService : public ::testing::Test {
+class TriggerService : public DaemonTest {
 protected:
-    void SetUp() override
-    {
-        write_config(minimal_config());
-        daemon = std::make_unique<Daemon>();
-        ASSERT_TRUE(daemon->wait_until_running());
-    }
-
     // The daemon reports a message on stderr before it replies, so the
     // listing is complete once the reply has arrived.
     bool listed(const std::string& text) const
@@ -65,29 +64,46 @@ protected:
         return daemon->stderr_text().find(text) != std::string::npos;
     }
 
-    std::unique_ptr<Daemon> daemon;
+    // Sends `message` on a fresh connection: it must be answered with
+    // `reply`, and a next message on that connection alone.
+    void expect_answered(const std::string& message, const std::string& reply)
+    {
+        TcpPeer peer;
+        EXPECT_EQ(reply_to(peer, message, reply.size()), reply);
+        EXPECT_TRUE(answers_next_message_alone(peer));
+    }
+
+    // Sends `bytes` on a first connection and hangs up; the daemon must
+    // report `report` for that connection, drop it and list no message.
+    void expect_hang_up_reported(const std::string& bytes, const std::string& report)
+    {
+        TcpPeer peer;
+        ASSERT_TRUE(peer.send(bytes));
+        int fd = accepted_fd(*daemon, 1);
+        peer.close();
+        ASSERT_TRUE(daemon->wait_for_stderr("Dropping TCP client fd"));
+        std::string fd_text = std::to_string(fd);
+        EXPECT_TRUE(listed("TCP client fd " + fd_text + " " + report + "\n" +
+                           "Dropping TCP client fd " + fd_text + "\n"))
+            << daemon->stderr_text();
+        EXPECT_FALSE(listed("Message:"));
+    }
 };
 
 TEST_F(TriggerService, MessageEndedByEmptyLineIsAnsweredOkAndTwoLinefeeds)
 {
-    TcpPeer peer;
-    EXPECT_EQ(reply_to(peer, "TRIGGER\n\n", 4), "OK\n\n");
-    EXPECT_TRUE(answers_next_message_alone(peer));
+    expect_answered("TRIGGER\n\n", "OK\n\n");
 }
 
 TEST_F(TriggerService, OneLineTriggerIsAnsweredOkAndOneLinefeedWithoutEmptyLine)
 {
-    TcpPeer peer;
-    EXPECT_EQ(reply_to(peer, "ONE LINE TRIGGER\n", 3), "OK\n");
-    EXPECT_TRUE(answers_next_message_alone(peer));
+    expect_answered("ONE LINE TRIGGER\n", "OK\n");
     EXPECT_TRUE(listed("Message: command='ONE LINE TRIGGER'\n"));
 }
 
 TEST_F(TriggerService, OneLineTriggerAfterLeadingBlanksAndBeforeCarriageReturnIsStillOneLine)
 {
-    TcpPeer peer;
-    EXPECT_EQ(reply_to(peer, " \t ONE LINE TRIGGER\r\n", 3), "OK\n");
-    EXPECT_TRUE(answers_next_message_alone(peer));
+    expect_answered(" \t ONE LINE TRIGGER\r\n", "OK\n");
 }
 
 TEST_F(TriggerService, OneLineTriggerWithTrailingBlankWaitsForTheEmptyLine)
@@ -103,18 +119,14 @@ TEST_F(TriggerService, OneLineTriggerWithTrailingBlankWaitsForTheEmptyLine)
 
 TEST_F(TriggerService, CarriageReturnLinefeedFramingIsAccepted)
 {
-    TcpPeer peer;
-    EXPECT_EQ(reply_to(peer, "TRIGGER\r\nchannel=2\r\n\r\n", 4), "OK\n\n");
+    expect_answered("TRIGGER\r\nchannel=2\r\n\r\n", "OK\n\n");
     EXPECT_TRUE(listed("Message: command='TRIGGER'\n  'channel' = '2'\n"));
-    EXPECT_TRUE(answers_next_message_alone(peer));
 }
 
 TEST_F(TriggerService, BareLinefeedFramingIsAccepted)
 {
-    TcpPeer peer;
-    EXPECT_EQ(reply_to(peer, "TRIGGER\nchannel=2\n\n", 4), "OK\n\n");
+    expect_answered("TRIGGER\nchannel=2\n\n", "OK\n\n");
     EXPECT_TRUE(listed("Message: command='TRIGGER'\n  'channel' = '2'\n"));
-    EXPECT_TRUE(answers_next_message_alone(peer));
 }
 
 TEST_F(TriggerService, BlankLinesBetweenMessagesAreIgnored)
@@ -226,32 +238,14 @@ TEST_F(TriggerService, EveryMessageIsLoggedToSyslogOnce)
 
 TEST_F(TriggerService, PeerClosingInTheMiddleOfALineIsReportedAndDropped)
 {
-    TcpPeer peer;
-    ASSERT_TRUE(peer.send("TRIGGER\nname=va"));
-    int fd = accepted_fd(*daemon, 1);
-    peer.close();
-    ASSERT_TRUE(daemon->wait_for_stderr("Dropping TCP client fd"));
-    std::string fd_text = std::to_string(fd);
-    EXPECT_TRUE(listed("TCP client fd " + fd_text +
-                       " dropped connection in the middle of a line, ignoring message\n"
-                       "Dropping TCP client fd " + fd_text + "\n"))
-        << daemon->stderr_text();
-    EXPECT_FALSE(listed("Message:"));
+    expect_hang_up_reported("TRIGGER\nname=va",
+                            "dropped connection in the middle of a line, ignoring message");
 }
 
 TEST_F(TriggerService, PeerClosingBeforeTheEmptyLineIsReportedAndDropped)
 {
-    TcpPeer peer;
-    ASSERT_TRUE(peer.send("TRIGGER\nname=value\n"));
-    int fd = accepted_fd(*daemon, 1);
-    peer.close();
-    ASSERT_TRUE(daemon->wait_for_stderr("Dropping TCP client fd"));
-    std::string fd_text = std::to_string(fd);
-    EXPECT_TRUE(listed("TCP client fd " + fd_text +
-                       " dropped connection without empty line, ignoring message\n"
-                       "Dropping TCP client fd " + fd_text + "\n"))
-        << daemon->stderr_text();
-    EXPECT_FALSE(listed("Message:"));
+    expect_hang_up_reported("TRIGGER\nname=value\n",
+                            "dropped connection without empty line, ignoring message");
 }
 
 TEST_F(TriggerService, PeerClosingBetweenMessagesIsOnlyDropped)

@@ -1,7 +1,12 @@
 // The waking daemon (`wake_on_input = true`) seen from outside: it answers
 // at once instead of at its next 250 ms pass, acts on signals at once,
 // keeps the classic intake ceiling, and costs nothing while it waits.
-#include "harness.h"
+#include "daemon.h"
+#include "packet_peers.h"
+#include "packets.h"
+#include "proc.h"
+#include "tcp.h"
+#include "text.h"
 
 #include <gtest/gtest.h>
 
@@ -14,19 +19,6 @@ using namespace q9test;
 namespace {
 
 const std::string waking_table = "[daemon]\nwake_on_input = true\n";
-
-// Clock ticks of CPU time (user and system) the process has used.
-long cpu_ticks(pid_t pid)
-{
-    std::string stat = read_file("/proc/" + std::to_string(pid) + "/stat");
-    std::istringstream fields(stat.substr(stat.rfind(')') + 2));
-    std::string field;
-    long ticks = 0;
-    for (int number = 3; number <= 15 && fields >> field; ++number)
-        if (number >= 14)
-            ticks += std::stol(field);
-    return ticks;
-}
 
 // Milliseconds from sending `message` to receiving `reply` whole.
 double round_trip_ms(TcpPeer& peer, const std::string& message, const std::string& reply)
@@ -72,7 +64,7 @@ TEST_F(WakingDaemon, TriggersAreAnsweredWithoutWaitingForAPass)
 
 TEST_F(WakingDaemon, LocalRequestIsAnsweredWithoutWaitingForAPass)
 {
-    ServiceClient client;
+    PacketClient client;
     double fastest = 1e9;
     for (int i = 0; i < 5; ++i) {
         auto start = Clock::now();
@@ -126,7 +118,7 @@ TEST_F(WakingDaemon, StalledLineAndSilentPeersCostNoCpu)
     TcpPeer stalled;
     ASSERT_TRUE(stalled.send(std::string(1100, 'x')));
     TcpPeer silent;
-    ServiceClient local;
+    PacketClient local;
     ASSERT_TRUE(local.connected());
     ASSERT_TRUE(daemon->wait_for_stderr("* new connection\n"));
     usleep(500000);

@@ -18,22 +18,26 @@ Parsed parse(const std::vector<std::string>& args)
     return parsed;
 }
 
+// Expects `args` to be refused as a usage error with exactly `text`.
+void expect_usage_error(const std::vector<std::string>& args, const std::string& text)
+{
+    Parsed parsed = parse(args);
+    EXPECT_EQ(ParseOutcome::UsageError, parsed.outcome);
+    EXPECT_EQ(text, parsed.text);
+}
+
 TEST(CtlCommandLine, NoCommandIsAUsageError)
 {
-    Parsed parsed = parse({});
-    EXPECT_EQ(ParseOutcome::UsageError, parsed.outcome);
-    EXPECT_EQ("q9_korvane_xml_events_ctl: no command given\n"
-              "Try 'q9_korvane_xml_events_ctl --help'.\n",
-              parsed.text);
+    expect_usage_error({},
+                       "q9_korvane_xml_events_ctl: no command given\n"
+                       "Try 'q9_korvane_xml_events_ctl --help'.\n");
 }
 
 TEST(CtlCommandLine, UnknownCommandIsNamed)
 {
-    Parsed parsed = parse({"start"});
-    EXPECT_EQ(ParseOutcome::UsageError, parsed.outcome);
-    EXPECT_EQ("q9_korvane_xml_events_ctl: unknown command 'start'\n"
-              "Try 'q9_korvane_xml_events_ctl --help'.\n",
-              parsed.text);
+    expect_usage_error({"start"},
+                       "q9_korvane_xml_events_ctl: unknown command 'start'\n"
+                       "Try 'q9_korvane_xml_events_ctl --help'.\n");
 }
 
 TEST(CtlCommandLine, HelpIsOfferedOnEveryLevel)
@@ -50,11 +54,9 @@ TEST(CtlCommandLine, HelpIsOfferedOnEveryLevel)
 
 TEST(CtlCommandLine, PlainRequestsTakeNoArguments)
 {
-    Parsed parsed = parse({"test", "now"});
-    EXPECT_EQ(ParseOutcome::UsageError, parsed.outcome);
-    EXPECT_EQ("q9_korvane_xml_events_ctl: test: takes no arguments, got 'now'\n"
-              "Try 'q9_korvane_xml_events_ctl test --help'.\n",
-              parsed.text);
+    expect_usage_error({"test", "now"},
+                       "q9_korvane_xml_events_ctl: test: takes no arguments, got 'now'\n"
+                       "Try 'q9_korvane_xml_events_ctl test --help'.\n");
     EXPECT_EQ(ParseOutcome::Run, parse({"list-pmi"}).outcome);
     EXPECT_EQ(CtlAction::ListPmi, parse({"list-pmi"}).invocation.action);
 }
@@ -86,29 +88,23 @@ TEST(CtlCommandLine, RegisterWithoutOptionsSendsNoPairs)
 
 TEST(CtlCommandLine, TriggersTakeOnlyStarOrEmpty)
 {
-    Parsed parsed = parse({"register", "--triggers", "abc"});
-    EXPECT_EQ(ParseOutcome::UsageError, parsed.outcome);
-    EXPECT_EQ("q9_korvane_xml_events_ctl: register: --triggers takes '*' or '', not 'abc'\n"
-              "Try 'q9_korvane_xml_events_ctl register --help'.\n",
-              parsed.text);
+    expect_usage_error({"register", "--triggers", "abc"},
+                       "q9_korvane_xml_events_ctl: register: --triggers takes '*' or '', not 'abc'\n"
+                       "Try 'q9_korvane_xml_events_ctl register --help'.\n");
 }
 
 TEST(CtlCommandLine, OptionWithoutValueIsAUsageError)
 {
-    Parsed parsed = parse({"unregister", "--target"});
-    EXPECT_EQ(ParseOutcome::UsageError, parsed.outcome);
-    EXPECT_EQ("q9_korvane_xml_events_ctl: unregister: option --target needs a value\n"
-              "Try 'q9_korvane_xml_events_ctl unregister --help'.\n",
-              parsed.text);
+    expect_usage_error({"unregister", "--target"},
+                       "q9_korvane_xml_events_ctl: unregister: option --target needs a value\n"
+                       "Try 'q9_korvane_xml_events_ctl unregister --help'.\n");
 }
 
 TEST(CtlCommandLine, UnknownOptionIsNamed)
 {
-    Parsed parsed = parse({"listen", "--xml"});
-    EXPECT_EQ(ParseOutcome::UsageError, parsed.outcome);
-    EXPECT_EQ("q9_korvane_xml_events_ctl: listen: unknown option '--xml'\n"
-              "Try 'q9_korvane_xml_events_ctl listen --help'.\n",
-              parsed.text);
+    expect_usage_error({"listen", "--xml"},
+                       "q9_korvane_xml_events_ctl: listen: unknown option '--xml'\n"
+                       "Try 'q9_korvane_xml_events_ctl listen --help'.\n");
     EXPECT_TRUE(parse({"listen", "--json"}).invocation.json);
 }
 
@@ -134,11 +130,9 @@ TEST(CtlCommandLine, TriggerSendsCommandAndPairsAsLines)
 
 TEST(CtlCommandLine, TriggerPairNeedsAnEqualsSign)
 {
-    Parsed parsed = parse({"trigger", "TRIGGER", "channel"});
-    EXPECT_EQ(ParseOutcome::UsageError, parsed.outcome);
-    EXPECT_EQ("q9_korvane_xml_events_ctl: trigger: expected NAME=VALUE, got 'channel'\n"
-              "Try 'q9_korvane_xml_events_ctl trigger --help'.\n",
-              parsed.text);
+    expect_usage_error({"trigger", "TRIGGER", "channel"},
+                       "q9_korvane_xml_events_ctl: trigger: expected NAME=VALUE, got 'channel'\n"
+                       "Try 'q9_korvane_xml_events_ctl trigger --help'.\n");
 }
 
 TEST(CtlCommandLine, OneLineFormIsAskedForEitherWay)
@@ -177,11 +171,9 @@ TEST(CtlCommandLine, TriggerRefusesLinesTheDaemonWouldAlter)
 TEST(CtlCommandLine, TriggerLineMayHold1023CharactersAndNoMore)
 {
     EXPECT_EQ(ParseOutcome::Run, parse({"trigger", std::string(1023, 'T')}).outcome);
-    Parsed parsed = parse({"trigger", "TRIGGER", "a=" + std::string(1022, 'v')});
-    EXPECT_EQ(ParseOutcome::UsageError, parsed.outcome);
-    EXPECT_EQ("q9_korvane_xml_events_ctl: trigger: NAME=VALUE is longer than 1023 characters\n"
-              "Try 'q9_korvane_xml_events_ctl trigger --help'.\n",
-              parsed.text);
+    expect_usage_error({"trigger", "TRIGGER", "a=" + std::string(1022, 'v')},
+                       "q9_korvane_xml_events_ctl: trigger: NAME=VALUE is longer than 1023 characters\n"
+                       "Try 'q9_korvane_xml_events_ctl trigger --help'.\n");
 }
 
 TEST(CtlCommandLine, TriggerPortMustBeAPortNumber)

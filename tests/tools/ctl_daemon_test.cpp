@@ -1,6 +1,9 @@
 // The client and the simulator against the real daemon in the sandbox.
-#include "harness.h"
-#include "tool_process.h"
+
+#include "daemon.h"
+#include "files.h"
+#include "process.h"
+#include "waiting.h"
 
 #include "fixed_paths.h"
 
@@ -10,9 +13,9 @@
 
 namespace {
 
-using q9tools::run_tool;
-using q9tools::ToolProcess;
-using q9tools::ToolResult;
+using q9test::run_tool;
+using q9test::ToolProcess;
+using q9test::ToolResult;
 
 ToolResult ctl(const std::vector<std::string>& args)
 {
@@ -108,7 +111,7 @@ TEST_F(CtlWithDaemon, ListenerEndsWithOneWhenTheDaemonStops)
 TEST_F(CtlWithDaemon, TriggerStartsTheRegisteredItemsInTheMediaItemSimulator)
 {
     ToolProcess mediaitem(Q9_SIM_BINARY, {"mediaitem"});
-    ASSERT_TRUE(q9tools::wait_until([] { return q9tools::path_exists(Q9MI_SERVICE_PATH); }));
+    ASSERT_TRUE(q9test::wait_until([] { return q9test::path_exists(Q9MI_SERVICE_PATH); }));
     ASSERT_EQ(0, ctl({"register", "--target", "clip"}).status);
     ASSERT_EQ(0, ctl({"register", "--target", "bumper"}).status);
     EXPECT_EQ(0, ctl({"trigger"}).status);

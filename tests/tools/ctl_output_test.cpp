@@ -1,12 +1,12 @@
+#include "packets.h"
 #include "ctl/output.h"
 
-#include "packet_peers.h"
 
 #include <gtest/gtest.h>
 
 namespace {
 
-using q9tools::Pairs;
+using q9test::Pairs;
 
 // A completely written packet reads like a received one.
 class Packet {
@@ -16,7 +16,7 @@ public:
         : packet_(comm_socket_v4_packet_create())
     {
         packet_->result = result;
-        q9tools::write_packet(packet_, command, status, arguments, pairs);
+        q9test::write_packet(packet_, command, status, arguments, pairs);
     }
     ~Packet() { comm_socket_v4_packet_release(packet_); }
     const comm_socket_v4_packet* get() const { return packet_; }

@@ -1,7 +1,10 @@
 // The operator's client run as a program: exit statuses, messages, and what
 // it sends to and prints from a service and a TCP peer made in the test.
+
 #include "packet_peers.h"
-#include "tool_process.h"
+#include "packets.h"
+#include "process.h"
+#include "tcp.h"
 
 #include "fixed_paths.h"
 
@@ -18,11 +21,11 @@
 
 namespace {
 
-using q9tools::FakeService;
-using q9tools::run_tool;
-using q9tools::SeenPacket;
-using q9tools::ToolProcess;
-using q9tools::ToolResult;
+using q9test::FakeService;
+using q9test::run_tool;
+using q9test::Packet;
+using q9test::ToolProcess;
+using q9test::ToolResult;
 
 const char* const kServicePath = DAEMON_SERVICE_PATH;
 
@@ -205,8 +208,8 @@ protected:
 TEST_F(CtlService, TestAsksForAReplyAndPrintsIt)
 {
     ASSERT_TRUE(service.listening());
-    service.answer = [](const SeenPacket& request, comm_socket_v4_packet* reply) {
-        q9tools::write_packet(reply, request.command, "OK", {}, {{"name", "value"}});
+    service.answer = [](const Packet& request, comm_socket_v4_packet* reply) {
+        q9test::write_packet(reply, request.command, "OK", {}, {{"name", "value"}});
     };
     ToolProcess client(Q9_CTL_BINARY, {"test"});
     EXPECT_EQ(0, run_served(client));
@@ -220,22 +223,22 @@ TEST_F(CtlService, TestAsksForAReplyAndPrintsIt)
 
 TEST_F(CtlService, RegisterSendsTargetAndTriggersPairs)
 {
-    service.answer = [](const SeenPacket& request, comm_socket_v4_packet* reply) {
-        q9tools::write_packet(reply, request.command, "OK", {}, {});
+    service.answer = [](const Packet& request, comm_socket_v4_packet* reply) {
+        q9test::write_packet(reply, request.command, "OK", {}, {});
     };
     ToolProcess client(Q9_CTL_BINARY, {"register", "--target", "clip", "--triggers", "*"});
     EXPECT_EQ(0, run_served(client));
     EXPECT_EQ("register: OK\n", client.stdout_text());
     ASSERT_EQ(1u, service.requests.size());
     EXPECT_EQ("register", service.requests[0].command);
-    EXPECT_EQ(q9tools::Pairs({{"target", "clip"}, {"triggers", "*"}}), service.requests[0].pairs);
+    EXPECT_EQ(q9test::Pairs({{"target", "clip"}, {"triggers", "*"}}), service.requests[0].pairs);
 }
 
 TEST_F(CtlService, ReplyWithAResultExitsOne)
 {
-    service.answer = [](const SeenPacket& request, comm_socket_v4_packet* reply) {
+    service.answer = [](const Packet& request, comm_socket_v4_packet* reply) {
         reply->result = 101;
-        q9tools::write_packet(reply, request.command, "OK", {}, {});
+        q9test::write_packet(reply, request.command, "OK", {}, {});
     };
     ToolProcess client(Q9_CTL_BINARY, {"unregister", "--triggers", ""});
     EXPECT_EQ(1, run_served(client));
@@ -244,8 +247,8 @@ TEST_F(CtlService, ReplyWithAResultExitsOne)
 
 TEST_F(CtlService, ReplyToAnotherRequestIsNotTaken)
 {
-    service.answer = [](const SeenPacket&, comm_socket_v4_packet* reply) {
-        q9tools::write_packet(reply, "list-pmi", "OK", {}, {});
+    service.answer = [](const Packet&, comm_socket_v4_packet* reply) {
+        q9test::write_packet(reply, "list-pmi", "OK", {}, {});
     };
     ToolProcess client(Q9_CTL_BINARY, {"test"});
     EXPECT_EQ(1, run_served(client));
@@ -268,8 +271,8 @@ class CtlListen : public CtlService {
 protected:
     void SetUp() override
     {
-        service.answer = [](const SeenPacket& request, comm_socket_v4_packet* reply) {
-            q9tools::write_packet(reply, request.command, "OK", {}, {});
+        service.answer = [](const Packet& request, comm_socket_v4_packet* reply) {
+            q9test::write_packet(reply, request.command, "OK", {}, {});
         };
     }
 
@@ -279,7 +282,7 @@ protected:
         ASSERT_TRUE(service.serve_until(
             [&] { return client.stderr_text().find("listening for triggers") != std::string::npos; }));
         ASSERT_EQ(1u, service.requests.size());
-        EXPECT_EQ(q9tools::Pairs({{"triggers", "*"}}), service.requests[0].pairs);
+        EXPECT_EQ(q9test::Pairs({{"triggers", "*"}}), service.requests[0].pairs);
     }
 };
 
@@ -318,9 +321,9 @@ TEST_F(CtlListen, EndsWithOneWhenTheDaemonGoes)
 
 TEST_F(CtlListen, RefusedRegistrationExitsOne)
 {
-    service.answer = [](const SeenPacket& request, comm_socket_v4_packet* reply) {
+    service.answer = [](const Packet& request, comm_socket_v4_packet* reply) {
         reply->result = 100;
-        q9tools::write_packet(reply, request.command, "Your client context has been lost (BUG)", {},
+        q9test::write_packet(reply, request.command, "Your client context has been lost (BUG)", {},
                               {});
     };
     ToolProcess client(Q9_CTL_BINARY, {"listen"});

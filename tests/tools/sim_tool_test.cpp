@@ -1,8 +1,11 @@
 // The appliance simulator run as a program: what it logs, how it answers,
 // how it stops, and its command line.
-#include "packet_peers.h"
-#include "tool_process.h"
 
+#include "files.h"
+#include "packet_peers.h"
+#include "packets.h"
+#include "process.h"
+#include "waiting.h"
 #include "fixed_paths.h"
 #include "q9mi.h"
 
@@ -14,12 +17,12 @@
 
 namespace {
 
-using q9tools::PacketClient;
-using q9tools::path_exists;
-using q9tools::run_tool;
-using q9tools::SeenPacket;
-using q9tools::ToolProcess;
-using q9tools::ToolResult;
+using q9test::PacketClient;
+using q9test::path_exists;
+using q9test::run_tool;
+using q9test::Packet;
+using q9test::ToolProcess;
+using q9test::ToolResult;
 
 const std::string kChannel1 = RENDERMGR_ROOT + std::string("/channel1") + RENDERMGR_SOCKET_SUFFIX;
 const std::string kChannel2 = RENDERMGR_ROOT + std::string("/channel2") + RENDERMGR_SOCKET_SUFFIX;
@@ -32,7 +35,7 @@ ToolResult sim(const std::vector<std::string>& args)
 
 bool wait_for_path(const std::string& path)
 {
-    return q9tools::wait_until([&] { return path_exists(path); });
+    return q9test::wait_until([&] { return path_exists(path); });
 }
 
 TEST(RendermgrSim, LogsASetRequestAndAnswersIt)
@@ -41,10 +44,10 @@ TEST(RendermgrSim, LogsASetRequestAndAnswersIt)
     ASSERT_TRUE(wait_for_path(kChannel2));
     PacketClient client(kChannel2);
     ASSERT_TRUE(client.connected());
-    ASSERT_TRUE(client.send(kRequestFlags, 42, "set", {"+alt-now", "clip"}));
+    ASSERT_TRUE(client.send_packet(kRequestFlags, 42, "set", {"+alt-now", "clip"}));
     EXPECT_TRUE(simulator.wait_for_stdout("channel 2: set +alt-now = clip\n"));
-    SeenPacket reply;
-    ASSERT_TRUE(client.receive(&reply));
+    Packet reply;
+    ASSERT_TRUE(client.receive(reply));
     EXPECT_EQ("set", reply.command);
     EXPECT_EQ("OK", reply.status);
     EXPECT_EQ(42u, reply.reference);
@@ -59,9 +62,9 @@ TEST(RendermgrSim, ReplyCopiesAClearModeBit)
     ToolProcess simulator(Q9_SIM_BINARY, {"rendermgr", "1"});
     ASSERT_TRUE(wait_for_path(kChannel1));
     PacketClient client(kChannel1);
-    ASSERT_TRUE(client.send(COMM_SOCKET_V4_REPLY_WANTED, 7, "set", {"alt loop", "0"}));
-    SeenPacket reply;
-    ASSERT_TRUE(client.receive(&reply));
+    ASSERT_TRUE(client.send_packet(COMM_SOCKET_V4_REPLY_WANTED, 7, "set", {"alt loop", "0"}));
+    Packet reply;
+    ASSERT_TRUE(client.receive(reply));
     EXPECT_EQ(0, reply.flags);
     EXPECT_EQ(7u, reply.reference);
     EXPECT_EQ("channel 1: set alt loop = 0\n", simulator.stdout_text());
@@ -72,10 +75,10 @@ TEST(RendermgrSim, RequestWithoutReplyWantedIsLoggedButNotAnswered)
     ToolProcess simulator(Q9_SIM_BINARY, {"rendermgr", "1"});
     ASSERT_TRUE(wait_for_path(kChannel1));
     PacketClient client(kChannel1);
-    ASSERT_TRUE(client.send(COMM_SOCKET_V4_MODE_BIT, 1, "set", {"alt loop", "0"}));
-    ASSERT_TRUE(client.send(kRequestFlags, 2, "get", {"alt\tloop"}));
-    SeenPacket reply;
-    ASSERT_TRUE(client.receive(&reply));
+    ASSERT_TRUE(client.send_packet(COMM_SOCKET_V4_MODE_BIT, 1, "set", {"alt loop", "0"}));
+    ASSERT_TRUE(client.send_packet(kRequestFlags, 2, "get", {"alt\tloop"}));
+    Packet reply;
+    ASSERT_TRUE(client.receive(reply));
     EXPECT_EQ(2u, reply.reference);
     EXPECT_EQ("get", reply.command);
     EXPECT_EQ("channel 1: set alt loop = 0\nchannel 1: get alt\\x09loop\n", simulator.stdout_text());
@@ -107,7 +110,7 @@ TEST(MediaitemSim, LogsTheStartOfAnItem)
     ToolProcess simulator(Q9_SIM_BINARY, {"mediaitem"});
     ASSERT_TRUE(wait_for_path(Q9MI_SERVICE_PATH));
     // The library gives up at once when the service has not accepted yet.
-    ASSERT_TRUE(q9tools::wait_until([] { return q9mi_start_item("x") == 0; }));
+    ASSERT_TRUE(q9test::wait_until([] { return q9mi_start_item("x") == 0; }));
     EXPECT_TRUE(simulator.wait_for_stdout("start x\n"));
     EXPECT_EQ(0u, simulator.stdout_text().find("start x\n"));
 }

@@ -6,8 +6,15 @@
 // Bounds: one daemon run of about 20 passes of work; under memcheck start-up
 // takes seconds, so the first wait is 60 s and the whole test stays well
 // under a minute on an idle machine.
-#include "harness.h"
-#include "tool_process.h"
+
+#include "daemon.h"
+#include "files.h"
+#include "packet_peers.h"
+#include "packets.h"
+#include "process.h"
+#include "tcp.h"
+#include "text.h"
+#include "waiting.h"
 
 #include <gtest/gtest.h>
 
@@ -21,28 +28,12 @@
 #include <fstream>
 
 using namespace q9test;
-using q9tools::ToolProcess;
 
 namespace {
 
-constexpr const char* work_dir = "/run/q9-memcheck";
-const std::string memcheck_log = std::string(work_dir) + "/memcheck.log";
+const std::string memcheck_log = work_dir() + "/memcheck.log";
 constexpr int memcheck_error_status = 99;
 constexpr std::chrono::milliseconds start_limit{60000};
-
-// The daemon copied into the sandbox: the single-instance lock is on the
-// executable file, which other sandboxes may run at the same time.
-std::string daemon_copy()
-{
-    mkdir(work_dir, 0755);
-    std::string copy = std::string(work_dir) + "/q9_korvane_xml_events_d";
-    std::ifstream in(Q9_DAEMON_BINARY, std::ios::binary);
-    std::ofstream out(copy, std::ios::binary | std::ios::trunc);
-    out << in.rdbuf();
-    out.close();
-    chmod(copy.c_str(), 0755);
-    return copy;
-}
 
 std::unique_ptr<ToolProcess> start_memchecked_daemon()
 {
@@ -63,16 +54,8 @@ std::string section(const std::string& header, int channel)
 // while writing it.
 std::string half_request()
 {
-    comm_socket_v4_packet* packet = comm_socket_v4_packet_create();
-    comm_socket_v4_packet_begin_writing(packet, 0, "register", "");
-    comm_socket_v4_packet_write_argv_end(packet);
-    comm_socket_v4_packet_write_nv_pair(packet, "target", "never");
-    comm_socket_v4_packet_write_end(packet);
-    uint32_t length;
-    memcpy(&length, packet->data + 4, sizeof length);
-    std::string frame(reinterpret_cast<const char*>(packet->data), length / 2);
-    comm_socket_v4_packet_release(packet);
-    return frame;
+    std::string frame = request_frame(0, "register", {{"target", "never"}});
+    return frame.substr(0, frame.size() / 2);
 }
 
 void send_raw_and_close(const std::string& bytes)
@@ -106,7 +89,7 @@ TEST_F(Memcheck, WholeSessionHasNoInvalidAccessAndNoDefiniteLeak)
     ASSERT_TRUE(stderr_has("Channel 1: connection open\n"));
     ASSERT_TRUE(stderr_has("Channel 2: connection open\n"));
 
-    ServiceClient listener;
+    PacketClient listener;
     Packet reply;
     ASSERT_TRUE(listener.request(reply, "register", {{"target", "clip"}, {"triggers", "*"}}));
     EXPECT_EQ(reply.status, "OK");

@@ -2,6 +2,7 @@
 
 #include "daemon/lifecycle.h"
 #include "daemon/process_state.h"
+#include "text.h"
 #include "fixed_paths.h"
 
 #include <gmock/gmock.h>
@@ -23,19 +24,11 @@ namespace {
 
 using testing::AnyOf;
 using testing::Eq;
+using q9test::count_of;
 
 constexpr const char* path = DAEMON_CONFIGURATION_PATH;
 constexpr const char* unterminated_header =
     "Unterminated table declaration; did you forget a ']'? at line 1\n";
-
-int count_of(const std::string& haystack, const std::string& needle)
-{
-    int count = 0;
-    for (size_t at = haystack.find(needle); at != std::string::npos;
-         at = haystack.find(needle, at + needle.size()))
-        ++count;
-    return count;
-}
 
 std::string section(const std::string& header, const std::string& watch, const std::string& assets,
                     const std::string& channel)

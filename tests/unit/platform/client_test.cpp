@@ -29,10 +29,30 @@ std::vector<int> fill_listen_queue(const char* path)
     }
 }
 
+// A listener at TEST_SOCKET whose queue is full, so that a connect to it
+// stays pending; the listener and the queued connections end with it.
+struct FullListenQueue {
+    FullListenQueue() : listener(raw_listen(TEST_SOCKET, 0)), fillers(fill_listen_queue(TEST_SOCKET)) {}
+    ~FullListenQueue()
+    {
+        for (int fd : fillers)
+            close(fd);
+        close(listener);
+    }
+    /// Takes the queued connections off the listener, making room for more.
+    void make_room() const
+    {
+        for (size_t i = 0; i < fillers.size(); ++i)
+            close(accept(listener, nullptr, nullptr));
+    }
+
+    int listener;
+    std::vector<int> fillers;
+};
+
 TEST_F(ClientTest, ConnectToAMissingPathFails)
 {
-    comm_socket_v4* client = comm_socket_v4_create();
-    clients.push_back(client);
+    comm_socket_v4* client = new_client();
     EXPECT_EQ(-1, comm_socket_v4_connect_to(client, "/var/run/nobody.socket"));
     EXPECT_LT(client->fd, 0);
     EXPECT_EQ(0u, client->established);
@@ -43,8 +63,7 @@ TEST_F(ClientTest, ConnectToAMissingPathFails)
 TEST_F(ClientTest, ConnectToAPlainFileFails)
 {
     std::ofstream(TEST_SOCKET) << "not a socket";
-    comm_socket_v4* client = comm_socket_v4_create();
-    clients.push_back(client);
+    comm_socket_v4* client = new_client();
     EXPECT_EQ(-1, comm_socket_v4_connect_to(client, TEST_SOCKET));
     EXPECT_LT(client->fd, 0);
 }
@@ -52,8 +71,7 @@ TEST_F(ClientTest, ConnectToAPlainFileFails)
 TEST_F(ClientTest, ConnectToALiveServerIsEstablished)
 {
     start_server();
-    comm_socket_v4* client = comm_socket_v4_create();
-    clients.push_back(client);
+    comm_socket_v4* client = new_client();
     EXPECT_EQ(0, comm_socket_v4_connect_to(client, TEST_SOCKET));
     EXPECT_GE(client->fd, 0);
     EXPECT_TRUE(wait_established(client));
@@ -72,62 +90,45 @@ TEST_F(ClientTest, ConnectToAnEndpointInUseIsRefusedAndKeepsIt)
 
 TEST_F(ClientTest, FullListenQueueLeavesTheConnectPendingUntilRoomIsMade)
 {
-    int listener = raw_listen(TEST_SOCKET, 0);
-    std::vector<int> fillers = fill_listen_queue(TEST_SOCKET);
-    comm_socket_v4* client = comm_socket_v4_create();
-    clients.push_back(client);
+    FullListenQueue queue;
+    comm_socket_v4* client = new_client();
     ASSERT_EQ(0, comm_socket_v4_connect_to(client, TEST_SOCKET));
     EXPECT_EQ(1u, client->connect_pending);
     EXPECT_EQ(0u, client->established);
     EXPECT_EQ(0, comm_socket_v4_idle(client));
-    for (size_t i = 0; i < fillers.size(); ++i)
-        close(accept(listener, nullptr, nullptr));
+    queue.make_room();
     EXPECT_TRUE(wait_established(client));
     EXPECT_EQ(0u, client->connect_pending);
-    for (int fd : fillers)
-        close(fd);
-    close(listener);
 }
 
 TEST_F(ClientTest, PendingConnectGivesUpAfterItsTimeout)
 {
-    int listener = raw_listen(TEST_SOCKET, 0);
-    std::vector<int> fillers = fill_listen_queue(TEST_SOCKET);
-    comm_socket_v4* client = comm_socket_v4_create();
-    clients.push_back(client);
+    FullListenQueue queue;
+    comm_socket_v4* client = new_client();
     comm_socket_v4_set_connect_timeout(client, 100000);
     comm_socket_v4_set_connect_timeout_routine(client, 10000);
     ASSERT_EQ(0, comm_socket_v4_connect_to(client, TEST_SOCKET));
     EXPECT_TRUE(wait_until([&] { return comm_socket_v4_idle(client) == -1; }));
     EXPECT_LT(client->fd, 0);
     EXPECT_EQ(0u, client->connect_pending);
-    for (int fd : fillers)
-        close(fd);
-    close(listener);
 }
 
 TEST_F(ClientTest, PacketSentWhileConnectingGoesOutOnceConnected)
 {
-    int listener = raw_listen(TEST_SOCKET, 0);
-    std::vector<int> fillers = fill_listen_queue(TEST_SOCKET);
-    comm_socket_v4* client = comm_socket_v4_create();
-    clients.push_back(client);
+    FullListenQueue queue;
+    comm_socket_v4* client = new_client();
     ASSERT_EQ(0, comm_socket_v4_connect_to(client, TEST_SOCKET));
     comm_socket_v4_packet* packet = packet_of(REQUEST, 3);
     EXPECT_EQ(static_cast<int>(frame_length(packet->data)),
               comm_socket_v4_packet_send_to_server(client, packet));
-    for (size_t i = 0; i < fillers.size(); ++i)
-        close(accept(listener, nullptr, nullptr));
+    queue.make_room();
     EXPECT_TRUE(wait_established(client));
-    int peer = accept(listener, nullptr, nullptr);
+    int peer = accept(queue.listener, nullptr, nullptr);
     std::vector<unsigned char> expected = frame_bytes(packet);
     std::vector<unsigned char> got(expected.size());
     ASSERT_EQ(static_cast<ssize_t>(got.size()), recv(peer, got.data(), got.size(), MSG_WAITALL));
     EXPECT_EQ(expected, got);
-    for (int fd : fillers)
-        close(fd);
     close(peer);
-    close(listener);
 }
 
 TEST_F(ClientTest, IdleFailsOnceTheServerIsGone)
@@ -143,8 +144,7 @@ TEST_F(ClientTest, IdleFailsOnceTheServerIsGone)
 TEST_F(ClientTest, SpoiltFrameFromTheServerEndsTheConnection)
 {
     int listener = raw_listen(TEST_SOCKET, 4);
-    comm_socket_v4* client = comm_socket_v4_create();
-    clients.push_back(client);
+    comm_socket_v4* client = new_client();
     ASSERT_EQ(0, comm_socket_v4_connect_to(client, TEST_SOCKET));
     int peer = accept(listener, nullptr, nullptr);
     std::vector<unsigned char> frame = frame_bytes(packet_of(REPLY));
@@ -243,10 +243,7 @@ TEST_F(ClientTest, SecondProcessExchangesPacketsBothWays)
     comm_socket_v4_client* sender = nullptr;
     comm_socket_v4_packet* request = next_request(&sender);
     EXPECT_EQ(peer, sender);
-    EXPECT_EQ(REQUEST, read_message(request->data));
-    EXPECT_EQ(0x03, request->flags);
-    EXPECT_EQ(11u, request->reference);
-    EXPECT_EQ(-7, request->result);
+    expect_packet(request, REQUEST, 0x03, 11u, -7);
     comm_socket_v4_packet* reply = packet_of(REPLY, request->flags & 0x02, request->reference, 0);
     EXPECT_GT(comm_socket_v4_packet_send_to_client(peer, reply), 0);
     int status = -1;

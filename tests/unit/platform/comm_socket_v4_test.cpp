@@ -41,10 +41,7 @@ TEST_F(EndpointTest, RequestReachesServerWithEveryField)
     comm_socket_v4_client* sender = nullptr;
     comm_socket_v4_packet* received = next_request(&sender);
     EXPECT_EQ(peer, sender);
-    EXPECT_EQ(SET_REQUEST, read_message(received->data));
-    EXPECT_EQ(0x03, received->flags);
-    EXPECT_EQ(77u, received->reference);
-    EXPECT_EQ(-5, received->result);
+    expect_packet(received, SET_REQUEST, 0x03, 77u, -5);
 }
 
 TEST_F(EndpointTest, ReplyReachesClientWithEveryField)
@@ -56,10 +53,7 @@ TEST_F(EndpointTest, ReplyReachesClientWithEveryField)
     EXPECT_EQ(static_cast<int>(frame_length(notify->data)),
               comm_socket_v4_packet_send_to_client(peer, notify));
     comm_socket_v4_packet* received = next_from_server(client);
-    EXPECT_EQ(NOTIFY, read_message(received->data));
-    EXPECT_EQ(0x02, received->flags);
-    EXPECT_EQ(0xfedcba9876543210u, received->reference);
-    EXPECT_EQ(101, received->result);
+    expect_packet(received, NOTIFY, 0x02, 0xfedcba9876543210u, 101);
     EXPECT_EQ(nullptr, comm_socket_v4_client_get_packet_from_server(client));
 }
 

@@ -6,6 +6,7 @@
 #include "appliance_util.h"
 #include "comm_socket_v4.h"
 #include "frame.h"
+#include "waiting.h"
 
 #include <gtest/gtest.h>
 #include <sys/socket.h>
@@ -20,17 +21,7 @@
 
 constexpr const char* TEST_SOCKET = "/var/run/comm_test.socket";
 
-/// Polls `condition` until it holds or 10 s have passed.
-inline bool wait_until(const std::function<bool()>& condition)
-{
-    uint64_t deadline = monotonic_clock_us() + 10000000;
-    while (!condition()) {
-        if (monotonic_clock_us() > deadline)
-            return false;
-        usleep(1000);
-    }
-    return true;
-}
+using q9test::wait_until;
 
 /// A message as its parts, to build packets and to compare received ones.
 struct Message {
@@ -134,6 +125,16 @@ inline std::vector<unsigned char> frame_bytes(comm_socket_v4_packet* packet)
     return std::vector<unsigned char>(packet->data, packet->data + frame_length(packet->data));
 }
 
+/// Expects `packet` to carry `message` with the header fields given.
+inline void expect_packet(const comm_socket_v4_packet* packet, const Message& message, int flags,
+                          uint64_t reference, int64_t result)
+{
+    EXPECT_EQ(message, read_message(packet->data));
+    EXPECT_EQ(flags, packet->flags);
+    EXPECT_EQ(reference, packet->reference);
+    EXPECT_EQ(result, packet->result);
+}
+
 /// Fixture owning a server at TEST_SOCKET and the client endpoints and
 /// packets a test makes; all of it is ended in TearDown.
 class CommTest : public testing::Test {
@@ -153,11 +154,17 @@ protected:
         ASSERT_EQ(0, comm_socket_v4_create_server(server, TEST_SOCKET));
     }
 
+    /// A client endpoint owned by the fixture, not connected.
+    comm_socket_v4* new_client()
+    {
+        clients.push_back(comm_socket_v4_create());
+        return clients.back();
+    }
+
     /// A client endpoint connected to TEST_SOCKET and accepted by the server.
     comm_socket_v4* connect_client(comm_socket_v4_client** peer = nullptr)
     {
-        comm_socket_v4* client = comm_socket_v4_create();
-        clients.push_back(client);
+        comm_socket_v4* client = new_client();
         EXPECT_EQ(0, comm_socket_v4_connect_to(client, TEST_SOCKET));
         comm_socket_v4_client* accepted = accept_peer();
         if (peer != nullptr)
@@ -166,15 +173,18 @@ protected:
         return client;
     }
 
+    /// Connects a client endpoint as connect_client() does; the server's peer for it.
+    comm_socket_v4_client* connect_peer()
+    {
+        comm_socket_v4_client* peer = nullptr;
+        connect_client(&peer);
+        return peer;
+    }
+
     /// The next peer the server accepts, waiting for it.
     comm_socket_v4_client* accept_peer()
     {
-        comm_socket_v4_client* peer = nullptr;
-        EXPECT_TRUE(wait_until([&] {
-            comm_socket_v4_idle(server);
-            return (peer = comm_socket_v4_accept_connection(server)) != nullptr;
-        }));
-        return peer;
+        return serve_until_taken([&] { return comm_socket_v4_accept_connection(server); });
     }
 
     /// A finished packet owned by the fixture.
@@ -193,12 +203,9 @@ protected:
     /// The next request the server queues, waiting for it; owned by the fixture.
     comm_socket_v4_packet* next_request(comm_socket_v4_client** sender = nullptr)
     {
-        comm_socket_v4_packet* request = nullptr;
         comm_socket_v4_client* from = nullptr;
-        EXPECT_TRUE(wait_until([&] {
-            comm_socket_v4_idle(server);
-            return (request = comm_socket_v4_server_get_packet(server, &from)) != nullptr;
-        }));
+        comm_socket_v4_packet* request =
+            serve_until_taken([&] { return comm_socket_v4_server_get_packet(server, &from); });
         packets.push_back(request);
         if (sender != nullptr)
             *sender = from;
@@ -208,12 +215,19 @@ protected:
     /// The next peer the server reports as gone, waiting for it.
     comm_socket_v4_client* next_disconnected()
     {
-        comm_socket_v4_client* peer = nullptr;
+        return serve_until_taken([&] { return comm_socket_v4_get_disconnected_client(server); });
+    }
+
+    /// Serves the server until `take` yields something, waiting for it.
+    template <typename Take>
+    auto serve_until_taken(Take take) -> decltype(take())
+    {
+        decltype(take()) taken = nullptr;
         EXPECT_TRUE(wait_until([&] {
             comm_socket_v4_idle(server);
-            return (peer = comm_socket_v4_get_disconnected_client(server)) != nullptr;
+            return (taken = take()) != nullptr;
         }));
-        return peer;
+        return taken;
     }
 
     /// The next packet `client` receives, waiting for it; owned by the fixture.

@@ -19,10 +19,8 @@ comm_socket_v4_client* peer_at(comm_socket_v4* server, unsigned long index)
 TEST_F(PeersTest, PeersGetTheLowestFreeIndex)
 {
     start_server();
-    comm_socket_v4_client* first = nullptr;
-    comm_socket_v4_client* second = nullptr;
-    connect_client(&first);
-    connect_client(&second);
+    comm_socket_v4_client* first = connect_peer();
+    comm_socket_v4_client* second = connect_peer();
     EXPECT_EQ(0u, comm_socket_v4_client_ptr2index(first));
     EXPECT_EQ(1u, comm_socket_v4_client_ptr2index(second));
     EXPECT_EQ(first, peer_at(server, 0));
@@ -51,10 +49,8 @@ TEST_F(PeersTest, IndexIsReusedOnlyAfterFree)
 TEST_F(PeersTest, IndexAtTableSizeOrAboveMaxFindsNoPeer)
 {
     start_server();
-    comm_socket_v4_client* first = nullptr;
-    comm_socket_v4_client* second = nullptr;
-    connect_client(&first);
-    connect_client(&second);
+    comm_socket_v4_client* first = connect_peer();
+    comm_socket_v4_client* second = connect_peer();
     EXPECT_EQ(nullptr, peer_at(server, 2));
     comm_socket_v4_free_client(second);
     EXPECT_EQ(1u, server->clients.size());

@@ -1,9 +1,10 @@
 #include "comm_test_support.h"
+#include "proc.h"
 #include "q9mi.h"
 
-#include <dirent.h>
-
 namespace {
+
+using q9test::open_descriptor_count;
 
 class MediaItemTest : public CommTest {
 protected:
@@ -14,19 +15,9 @@ protected:
     }
 };
 
-size_t open_descriptor_count()
-{
-    size_t count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (dirent* entry = readdir(dir))
-        count += entry->d_name[0] != '.';
-    closedir(dir);
-    return count;
-}
-
 TEST_F(MediaItemTest, StartWithoutServiceFailsAtOnce)
 {
-    size_t before = open_descriptor_count();
+    int before = open_descriptor_count();
     uint64_t started = monotonic_clock_us();
     EXPECT_EQ(-1, q9mi_start_item("clip"));
     EXPECT_LT(monotonic_clock_us() - started, 5000000u);
@@ -36,15 +27,12 @@ TEST_F(MediaItemTest, StartWithoutServiceFailsAtOnce)
 TEST_F(MediaItemTest, StartDeliversOneStartRequestAndHangsUp)
 {
     start_service();
-    size_t before = open_descriptor_count();
+    int before = open_descriptor_count();
     EXPECT_EQ(0, q9mi_start_item("evening news"));
     EXPECT_EQ(before, open_descriptor_count());
     comm_socket_v4_client* sender = nullptr;
     comm_socket_v4_packet* request = next_request(&sender);
-    EXPECT_EQ((Message{"start", "", {"evening news"}, {}}), read_message(request->data));
-    EXPECT_EQ(COMM_SOCKET_V4_MODE_BIT, request->flags);
-    EXPECT_EQ(0u, request->reference);
-    EXPECT_EQ(0, request->result);
+    expect_packet(request, Message{"start", "", {"evening news"}, {}}, COMM_SOCKET_V4_MODE_BIT, 0u, 0);
     EXPECT_EQ(sender, next_disconnected());
 }
 

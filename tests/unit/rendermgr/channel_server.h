@@ -4,10 +4,13 @@
 // of the *_test.cpp files alone.
 #pragma once
 
+#include "no_copy.h"
 #include "appliance_util.h"
 #include "comm_socket_v4.h"
+#include "proc.h"
 #include "fixed_paths.h"
 #include "rendermgr/channels.h"
+#include "waiting.h"
 
 #include <algorithm>
 #include <dirent.h>
@@ -67,28 +70,8 @@ inline void reset_channels()
     clear_channel_root();
 }
 
-/// Calls `step` until it returns true or 5 s have passed; true on success.
-inline bool wait_for(const std::function<bool()>& step)
-{
-    uint64_t deadline = monotonic_clock_us() + 5000000;
-    while (!step()) {
-        if (monotonic_clock_us() > deadline)
-            return false;
-        usleep(1000);
-    }
-    return true;
-}
-
-/// Number of descriptors open in this process.
-inline int open_descriptor_count()
-{
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (const dirent* entry = readdir(dir))
-        count += entry->d_name[0] != '.';
-    closedir(dir);
-    return count;
-}
+using q9test::open_descriptor_count;
+using q9test::wait_until;
 
 /// Bytes that have arrived on socket `fd` and were not read yet.
 inline int unread_bytes(int fd)
@@ -99,7 +82,7 @@ inline int unread_bytes(int fd)
 }
 
 /// One render manager: creates its directory and listens at its socket.
-class ChannelServer {
+class ChannelServer : q9test::NoCopy {
 public:
     explicit ChannelServer(int channel) : channel(channel)
     {
@@ -114,8 +97,6 @@ public:
         for (comm_socket_v4_packet* packet : received)
             comm_socket_v4_packet_release(packet);
     }
-    ChannelServer(const ChannelServer&) = delete;
-    ChannelServer& operator=(const ChannelServer&) = delete;
 
     /// True when the server endpoint listens.
     bool listening() const { return sock != nullptr; }

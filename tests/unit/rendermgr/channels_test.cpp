@@ -75,7 +75,7 @@ protected:
     // Polls until the channel's record is open, serving its render manager.
     static bool poll_until_open(ChannelServer& server)
     {
-        return wait_for([&] {
+        return wait_until([&] {
             server.serve();
             connect_idle();
             RenderManagerConnection* connection = rendermgr_get_channel(server.channel);
@@ -212,7 +212,7 @@ TEST_F(ChannelsTest, VanishedDirectoryDropsOpenConnectionWithMessage)
 
     EXPECT_EQ("Rendermgr channel 4 is no longer known\n", err);
     EXPECT_TRUE(rendermgr_conn.empty());
-    EXPECT_TRUE(wait_for([&] { server.serve(); return server.departed == 1; }));
+    EXPECT_TRUE(wait_until([&] { server.serve(); return server.departed == 1; }));
 }
 
 TEST_F(ChannelsTest, FailedConnectThenPollWritesOneMessageOnly)
@@ -325,7 +325,7 @@ TEST_F(ChannelsTest, PendingAttemptThatFailsEndsSilently)
     EXPECT_NE(nullptr, connection->sock);
 
     queue.close_listener();
-    bool ended = wait_for([&] { connect_idle(); return connection->sock == nullptr; });
+    bool ended = wait_until([&] { connect_idle(); return connection->sock == nullptr; });
     std::string err = GetCapturedStderr();
 
     EXPECT_TRUE(ended);
@@ -344,7 +344,7 @@ TEST_F(ChannelsTest, PendingAttemptBecomesOpenOnceTheRenderManagerHasRoom)
     EXPECT_FALSE(connection->open);
 
     queue.make_room();
-    bool opened = wait_for([&] { connect_idle(); return connection->open; });
+    bool opened = wait_until([&] { connect_idle(); return connection->open; });
     std::string err = GetCapturedStderr();
 
     EXPECT_TRUE(opened);
@@ -371,12 +371,12 @@ TEST_F(ChannelsTest, OnePollDrainsEverythingTheRenderManagerSent)
     ChannelServer server(3);
     refresh();
     ASSERT_TRUE(poll_until_open(server));
-    ASSERT_TRUE(wait_for([&] { server.serve(); return server.peers.size() == 1; }));
+    ASSERT_TRUE(wait_until([&] { server.serve(); return server.peers.size() == 1; }));
     for (int i = 0; i < 100; ++i)
         server.send_to_peers();
     server.serve();
     RenderManagerConnection* connection = rendermgr_get_channel(3);
-    ASSERT_TRUE(wait_for([&] { return unread_bytes(connection->sock->fd) > 0; }));
+    ASSERT_TRUE(wait_until([&] { return unread_bytes(connection->sock->fd) > 0; }));
 
     CaptureStderr();
     connect_idle();
@@ -447,7 +447,7 @@ TEST_F(ChannelsTest, DropChannelEndsTheConnectionSilently)
 
     EXPECT_EQ("", err);
     EXPECT_TRUE(rendermgr_conn.empty());
-    EXPECT_TRUE(wait_for([&] { server.serve(); return server.departed == 1; }));
+    EXPECT_TRUE(wait_until([&] { server.serve(); return server.departed == 1; }));
 }
 
 TEST_F(ChannelsTest, DropUnknownChannelsWalksSafelyInAscendingOrder)
@@ -496,7 +496,7 @@ TEST_F(ChannelsTest, FreeAllEndsEveryConnectionAndEmptiesTheMap)
     EXPECT_EQ("", err);
     EXPECT_TRUE(rendermgr_conn.empty());
     EXPECT_EQ((std::vector<int>{1, 2}), known_channels);
-    EXPECT_TRUE(wait_for([&] { one.serve(); two.serve(); return one.departed + two.departed == 2; }));
+    EXPECT_TRUE(wait_until([&] { one.serve(); two.serve(); return one.departed + two.departed == 2; }));
 }
 
 // Churn ------------------------------------------------------------------------

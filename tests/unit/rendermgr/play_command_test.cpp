@@ -49,7 +49,7 @@ public:
     /// Collects the report until it holds `text`; false after 5 s.
     bool wait_for_report(const std::string& text, const std::function<void()>& meanwhile)
     {
-        return wait_for([&] {
+        return wait_until([&] {
             meanwhile();
             char chunk[256];
             for (ssize_t got; (got = read(report, chunk, sizeof(chunk))) > 0;)
@@ -119,6 +119,14 @@ protected:
     void SetUp() override { reset_channels(); }
     void TearDown() override { reset_channels(); }
 
+    // Plays `item` on `connection`; what the daemon wrote to stderr meanwhile.
+    static std::string play_now_reporting(RenderManagerConnection* connection, const std::string& item)
+    {
+        CaptureStderr();
+        play_now(connection, item.c_str());
+        return GetCapturedStderr();
+    }
+
     // Connects the daemon to `server`'s channel and waits until the record
     // is open and the render manager has taken the connection in.
     static RenderManagerConnection* open_channel(ChannelServer& server)
@@ -126,7 +134,7 @@ protected:
         known_channels_update();
         connect_manage();
         RenderManagerConnection* connection = rendermgr_get_channel(server.channel);
-        bool ready = connection != nullptr && wait_for([&] {
+        bool ready = connection != nullptr && wait_until([&] {
             server.serve();
             connection->idle();
             return connection->open && server.peers.size() == 1;
@@ -137,7 +145,7 @@ protected:
     // Serves until `count` requests have arrived.
     static bool receive(ChannelServer& server, size_t count)
     {
-        return wait_for([&] {
+        return wait_until([&] {
             server.serve();
             return server.received.size() >= count;
         });
@@ -167,9 +175,7 @@ TEST_F(PlayCommandTest, PlayNowSendsTheTwoSettingsInOrder)
     RenderManagerConnection* connection = open_channel(server);
     ASSERT_NE(nullptr, connection);
 
-    CaptureStderr();
-    play_now(connection, "clip");
-    std::string err = GetCapturedStderr();
+    std::string err = play_now_reporting(connection, "clip");
 
     EXPECT_EQ("Channel 1: setting 'alt loop' = 0\nChannel 1: setting '+alt-now' = clip\n", err);
     ASSERT_TRUE(receive(server, 2));
@@ -185,9 +191,7 @@ TEST_F(PlayCommandTest, PlayNowOnAChannelWithoutEndpointWritesAndSendsNothing)
     RenderManagerConnection* connection = rendermgr_get_or_create_channel(2);
     ASSERT_NE(nullptr, connection);
 
-    CaptureStderr();
-    play_now(connection, "clip");
-    std::string err = GetCapturedStderr();
+    std::string err = play_now_reporting(connection, "clip");
 
     EXPECT_EQ("", err);
     EXPECT_EQ(nullptr, connection->sock);
@@ -204,9 +208,7 @@ TEST_F(PlayCommandTest, EmptyItemNameIsSentAsAnEmptyArgument)
     RenderManagerConnection* connection = open_channel(server);
     ASSERT_NE(nullptr, connection);
 
-    CaptureStderr();
-    play_now(connection, "");
-    std::string err = GetCapturedStderr();
+    std::string err = play_now_reporting(connection, "");
 
     EXPECT_EQ("Channel 3: setting 'alt loop' = 0\nChannel 3: setting '+alt-now' = \n", err);
     ASSERT_TRUE(receive(server, 2));
@@ -219,9 +221,7 @@ TEST_F(PlayCommandTest, ItemNameIsSentAsItIs)
     RenderManagerConnection* connection = open_channel(server);
     ASSERT_NE(nullptr, connection);
 
-    CaptureStderr();
-    play_now(connection, "it's \"a\" clip = 1");
-    std::string err = GetCapturedStderr();
+    std::string err = play_now_reporting(connection, "it's \"a\" clip = 1");
 
     EXPECT_EQ("Channel 4: setting 'alt loop' = 0\nChannel 4: setting '+alt-now' = it's \"a\" clip = 1\n", err);
     ASSERT_TRUE(receive(server, 2));
@@ -235,9 +235,7 @@ TEST_F(PlayCommandTest, RenderManagerGoneBeforePlayFailsTheFirstSettingAndSkipsT
     ASSERT_NE(nullptr, connection);
     server.stop();
 
-    CaptureStderr();
-    play_now(connection, "clip");
-    std::string err = GetCapturedStderr();
+    std::string err = play_now_reporting(connection, "clip");
 
     // The send meets the hang-up and marks the endpoint dead; the poll after
     // it ends the connection, so the second setting finds no endpoint.
@@ -257,16 +255,14 @@ TEST_F(PlayCommandTest, FailedFirstSendStillSendsTheSecondSetting)
     known_channels_update();
     connect_manage();
     RenderManagerConnection* connection = rendermgr_get_channel(6);
-    ASSERT_TRUE(wait_for([&] { connection->idle(); return connection->open; }));
+    ASSERT_TRUE(wait_until([&] { connection->idle(); return connection->open; }));
     // A render manager that lags this far behind makes the library refuse
     // further requests; once it has read what the socket holds, the poll
     // between the settings makes room again.
     ASSERT_TRUE(fill_output(connection->sock));
-    ASSERT_TRUE(wait_for([&] { return unsent_bytes(connection->sock->fd) == 0; }));
+    ASSERT_TRUE(wait_until([&] { return unsent_bytes(connection->sock->fd) == 0; }));
 
-    CaptureStderr();
-    play_now(connection, "clip");
-    std::string err = GetCapturedStderr();
+    std::string err = play_now_reporting(connection, "clip");
 
     EXPECT_EQ("Channel 6: setting 'alt loop' = 0\n"
               "Channel 6: Failed to sent packet\n"

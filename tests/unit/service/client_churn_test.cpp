@@ -1,6 +1,8 @@
 #include "library_calls.h"
+#include "proc.h"
 #include "service/command_server.h"
 #include "service_harness.h"
+#include "text.h"
 
 #include <gtest/gtest.h>
 
@@ -13,6 +15,9 @@ extern "C" size_t __sanitizer_get_current_allocated_bytes() __attribute__((weak)
 
 namespace {
 
+using q9test::count_of;
+using q9test::open_descriptor_count;
+
 using ClientChurn = ServiceTest;
 
 size_t heap_in_use()
@@ -20,14 +25,6 @@ size_t heap_in_use()
     if (__sanitizer_get_current_allocated_bytes != nullptr)
         return __sanitizer_get_current_allocated_bytes();
     return mallinfo2().uordblks;
-}
-
-size_t count_of(const std::string& text, const std::string& line)
-{
-    size_t count = 0;
-    for (size_t at = text.find(line); at != std::string::npos; at = text.find(line, at + 1))
-        ++count;
-    return count;
 }
 
 // `total` clients in groups of 50 at once: each registers for all triggers
@@ -58,12 +55,12 @@ std::string churn(int total)
 TEST_F(ClientChurn, ThousandClientsLeaveNoDescriptorRecordOrMemory)
 {
     churn(100);
-    size_t descriptors = open_descriptor_count();
+    int descriptors = open_descriptor_count();
     size_t heap = heap_in_use();
     {
         std::string err = churn(1000);
-        EXPECT_EQ(count_of(err, "* new connection\n"), 1000u);
-        EXPECT_EQ(count_of(err, "* disconnected client\n"), 1000u);
+        EXPECT_EQ(count_of(err, "* new connection\n"), 1000);
+        EXPECT_EQ(count_of(err, "* disconnected client\n"), 1000);
         EXPECT_EQ(err.size(), 1000u * (17 + 22));
     }
     EXPECT_EQ(open_descriptor_count(), descriptors);

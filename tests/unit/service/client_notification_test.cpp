@@ -47,6 +47,19 @@ protected:
         ASSERT_EQ(reply->result, 0);
     }
 
+    /// Expects `client` to be notified of the message, and to be notified
+    /// of nothing more once it has asked `stop`.
+    void expect_notified_until(LocalClient& client, const Request& stop)
+    {
+        notify_clients(message);
+        auto packet = client.receive();
+        ASSERT_TRUE(packet);
+        EXPECT_EQ(packet->command, "notify");
+        client.ask(stop);
+        notify_clients(message);
+        EXPECT_TRUE(received_nothing(client));
+    }
+
     TCPTriggerClient message;
 };
 
@@ -185,13 +198,7 @@ TEST_F(ClientNotification, RegisteringStarStartsAndEmptyStopsNotifications)
 {
     LocalClient client;
     listen_to_all(client);
-    notify_clients(message);
-    auto packet = client.receive();
-    ASSERT_TRUE(packet);
-    EXPECT_EQ(packet->command, "notify");
-    client.ask({"register", {{"triggers", ""}}});
-    notify_clients(message);
-    EXPECT_TRUE(received_nothing(client));
+    expect_notified_until(client, {"register", {{"triggers", ""}}});
 }
 
 TEST_F(ClientNotification, UnregisteringEmptyKeepsAndStarStopsNotifications)
@@ -199,13 +206,7 @@ TEST_F(ClientNotification, UnregisteringEmptyKeepsAndStarStopsNotifications)
     LocalClient client;
     listen_to_all(client);
     client.ask({"unregister", {{"triggers", ""}}});
-    notify_clients(message);
-    auto packet = client.receive();
-    ASSERT_TRUE(packet);
-    EXPECT_EQ(packet->command, "notify");
-    client.ask({"unregister", {{"triggers", "*"}}});
-    notify_clients(message);
-    EXPECT_TRUE(received_nothing(client));
+    expect_notified_until(client, {"unregister", {{"triggers", "*"}}});
 }
 
 TEST_F(ClientNotification, DisconnectedListenerGetsNothing)
@@ -301,7 +302,7 @@ TEST_F(ClientNotification, SlowListenerIsWaitedFor)
     EXPECT_EQ(library_calls.sends[0].result, 0);
     EXPECT_GT(library_calls.sends[1].result, 0);
     EXPECT_EQ(library_calls.releases.at(library_calls.sends[0].packet), 1);
-    std::optional<ReceivedPacket> packet;
+    std::optional<q9test::Packet> packet;
     do
         packet = client.receive();
     while (packet && packet->command == "filler");

@@ -11,7 +11,7 @@ namespace {
 using PatientSend = ServiceTest;
 
 /// The first packet with the command word `command`, skipping the fillers.
-std::optional<ReceivedPacket> receive_past_fillers(LocalClient& client, const std::string& command)
+std::optional<q9test::Packet> receive_past_fillers(LocalClient& client, const std::string& command)
 {
     for (;;) {
         auto packet = client.receive();

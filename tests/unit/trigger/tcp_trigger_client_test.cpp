@@ -22,6 +22,17 @@ protected:
         snprintf(text, sizeof(text), format, fd);
         return text;
     }
+
+    // Sends `text`, hangs up, and expects the client to report `report`
+    // (with its descriptor for %d) and to close.
+    void expect_hang_up_reported(const std::string& text, const char* report)
+    {
+        send_text(peer, text);
+        close_peer();
+        EXPECT_EQ(idle_once(), fd_text(report));
+        EXPECT_EQ(result, -1);
+        EXPECT_EQ(client.sock_fd, -1);
+    }
 };
 
 TEST(TCPTriggerClientRecord, StartsClosedAndEmpty)
@@ -183,20 +194,14 @@ TEST_F(TCPTriggerClientTest, LineOf1024CharactersStallsTheConnectionForGood)
 
 TEST_F(TCPTriggerClientTest, PeerClosingAfterTheFirstLineLeavesTheMessageUnhandled)
 {
-    send_text(peer, "TRIGGER\n");
-    close_peer();
-    EXPECT_EQ(idle_once(), fd_text("TCP client fd %d dropped connection without empty line, ignoring message\n"));
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(client.sock_fd, -1);
+    expect_hang_up_reported("TRIGGER\n",
+                            "TCP client fd %d dropped connection without empty line, ignoring message\n");
 }
 
 TEST_F(TCPTriggerClientTest, PeerClosingInTheMiddleOfALineIsReported)
 {
-    send_text(peer, "TRIGGER\nchan");
-    close_peer();
-    EXPECT_EQ(idle_once(), fd_text("TCP client fd %d dropped connection in the middle of a line, ignoring message\n"));
-    EXPECT_EQ(result, -1);
-    EXPECT_EQ(client.sock_fd, -1);
+    expect_hang_up_reported(
+        "TRIGGER\nchan", "TCP client fd %d dropped connection in the middle of a line, ignoring message\n");
 }
 
 TEST_F(TCPTriggerClientTest, PeerClosingBetweenMessagesIsAnsweredThenClosedSilently)

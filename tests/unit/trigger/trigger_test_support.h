@@ -3,6 +3,8 @@
 #pragma once
 
 #include "trigger/tcp_trigger_client.h"
+#include "tcp.h"
+#include "waiting.h"
 
 #include <gtest/gtest.h>
 
@@ -21,17 +23,7 @@
 
 namespace trigger_test {
 
-/// Calls `done` until it holds or 10 s have passed; true when it held.
-inline bool wait_until(const std::function<bool()>& done)
-{
-    auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > deadline)
-            return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    return true;
-}
+using q9test::wait_until;
 
 /// Sends all of `text` on `fd`, blocking.
 inline void send_text(int fd, const std::string& text)
@@ -39,16 +31,7 @@ inline void send_text(int fd, const std::string& text)
     ASSERT_EQ(send(fd, text.data(), text.size(), MSG_NOSIGNAL), static_cast<ssize_t>(text.size()));
 }
 
-/// Everything that can be read from `fd` right now, without waiting.
-inline std::string receive_available(int fd)
-{
-    std::string text;
-    char buffer[4096];
-    ssize_t length;
-    while ((length = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0)
-        text.append(buffer, static_cast<size_t>(length));
-    return text;
-}
+using q9test::receive_available;
 
 /// Reads from `fd` until `size` bytes came or 10 s have passed.
 inline std::string receive_at_least(int fd, size_t size)

@@ -8,62 +8,32 @@
 #include "service/command_server.h"
 
 #include <chrono>
-#include <dirent.h>
 #include <poll.h>
 #include <unistd.h>
 
 namespace {
 
-constexpr auto patience = std::chrono::seconds(10);
-
-bool before_deadline(std::chrono::steady_clock::time_point start)
-{
-    return std::chrono::steady_clock::now() - start < patience;
-}
+constexpr std::chrono::milliseconds patience{10000};
 
 comm_socket_v4_packet* build_packet(const Request& request)
 {
     comm_socket_v4_packet* packet = comm_socket_v4_packet_create();
     packet->flags = request.flags;
     packet->reference = request.reference;
-    comm_socket_v4_packet_begin_writing(packet, 0, request.command.c_str(), "");
-    for (const auto& argument : request.arguments)
-        comm_socket_v4_packet_write_argv(packet, argument.c_str());
-    comm_socket_v4_packet_write_argv_end(packet);
-    for (const auto& pair : request.pairs)
-        comm_socket_v4_packet_write_nv_pair(packet, pair.first.c_str(), pair.second.c_str());
-    comm_socket_v4_packet_write_end(packet);
+    q9test::write_packet(packet, request.command, "", request.arguments, request.pairs);
     return packet;
 }
 
 }  // namespace
 
-ReceivedPacket take_packet(comm_socket_v4_packet* packet)
-{
-    ReceivedPacket seen;
-    seen.flags = packet->flags;
-    seen.reference = packet->reference;
-    seen.result = packet->result;
-    seen.command = packet_command_word(packet);
-    seen.status = packet_status_word(packet);
-    for (size_t i = 0; i < packet_argument_count(packet); ++i)
-        seen.arguments.emplace_back(packet_argument(packet, i));
-    for (size_t i = 0; i < packet_nv_pair_count(packet); ++i)
-        seen.pairs.emplace_back(packet_nv_name(packet, i), packet_nv_value(packet, i));
-    comm_socket_v4_packet_release(packet);
-    return seen;
-}
-
 bool serve_until(const std::function<bool()>& done)
 {
-    auto start = std::chrono::steady_clock::now();
-    while (before_deadline(start)) {
-        handle_server_socket();
-        if (done())
-            return true;
-        usleep(200);
-    }
-    return false;
+    return q9test::wait_until(
+        [&] {
+            handle_server_socket();
+            return done();
+        },
+        patience);
 }
 
 LocalClient::LocalClient() : endpoint_(comm_socket_v4_create())
@@ -92,21 +62,24 @@ void LocalClient::send(const Request& request)
     comm_socket_v4_packet_release(packet);
 }
 
-std::optional<ReceivedPacket> LocalClient::receive()
+std::optional<q9test::Packet> LocalClient::receive()
 {
-    auto start = std::chrono::steady_clock::now();
-    while (before_deadline(start)) {
-        comm_socket_v4_idle(endpoint_);
-        handle_server_socket();
-        comm_socket_v4_idle(endpoint_);
-        if (comm_socket_v4_packet* packet = comm_socket_v4_client_get_packet_from_server(endpoint_))
-            return take_packet(packet);
-        usleep(200);
-    }
-    return std::nullopt;
+    comm_socket_v4_packet* packet = nullptr;
+    q9test::wait_until(
+        [&] {
+            comm_socket_v4_idle(endpoint_);
+            handle_server_socket();
+            comm_socket_v4_idle(endpoint_);
+            packet = comm_socket_v4_client_get_packet_from_server(endpoint_);
+            return packet != nullptr;
+        },
+        patience);
+    if (packet == nullptr)
+        return std::nullopt;
+    return take_packet(packet);
 }
 
-std::optional<ReceivedPacket> LocalClient::ask(const Request& request)
+std::optional<q9test::Packet> LocalClient::ask(const Request& request)
 {
     send(request);
     return receive();
@@ -163,7 +136,7 @@ void MediaItemService::collect()
     }
     comm_socket_v4_client* sender = nullptr;
     while (comm_socket_v4_packet* packet = comm_socket_v4_server_get_packet(endpoint_, &sender)) {
-        ReceivedPacket request = take_packet(packet);
+        q9test::Packet request = take_packet(packet);
         std::string line = request.command;
         for (const auto& argument : request.arguments)
             line += " " + argument;
@@ -175,23 +148,13 @@ void MediaItemService::collect()
 
 std::vector<std::string> MediaItemService::requests(size_t count)
 {
-    auto start = std::chrono::steady_clock::now();
-    while (requests_.size() < count && before_deadline(start)) {
-        collect();
-        usleep(200);
-    }
+    q9test::wait_until(
+        [&] {
+            collect();
+            return requests_.size() >= count;
+        },
+        patience);
     return requests_;
-}
-
-size_t open_descriptor_count()
-{
-    size_t count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (dirent* entry = readdir(dir))
-        if (entry->d_name[0] != '.')
-            ++count;
-    closedir(dir);
-    return count - 1;  // the directory's own descriptor
 }
 
 int fill_peer(unsigned long index)

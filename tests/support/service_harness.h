@@ -3,7 +3,9 @@
 // what it is asked to start.
 #pragma once
 
-#include "comm_socket_v4.h"
+#include "no_copy.h"
+#include "packets.h"
+#include "waiting.h"
 
 #include <gtest/gtest.h>
 
@@ -14,21 +16,8 @@
 #include <utility>
 #include <vector>
 
-using Pairs = std::vector<std::pair<std::string, std::string>>;
-
-/// A packet as a local program received it.
-struct ReceivedPacket {
-    uint8_t flags = 0;
-    uint64_t reference = 0;
-    int64_t result = 0;
-    std::string command;
-    std::string status;
-    std::vector<std::string> arguments;
-    Pairs pairs;
-};
-
-/// Copies the packet's header fields and message, then releases it.
-ReceivedPacket take_packet(comm_socket_v4_packet* packet);
+using q9test::Pairs;
+using q9test::take_packet;
 
 /// Calls handle_server_socket() until `done` holds; false after 10 s.
 bool serve_until(const std::function<bool()>& done);
@@ -36,7 +25,7 @@ bool serve_until(const std::function<bool()>& done);
 /// A request as a local program sends it; by default it asks for a reply.
 struct Request {
     Request(std::string command, Pairs pairs = {}, std::vector<std::string> arguments = {},
-            uint8_t flags = COMM_SOCKET_V4_REPLY_WANTED | COMM_SOCKET_V4_MODE_BIT,
+            uint8_t flags = q9test::reply_wanted_flags,
             uint64_t reference = 0)
         : command(std::move(command)), pairs(std::move(pairs)), arguments(std::move(arguments)),
           flags(flags), reference(reference)
@@ -52,12 +41,10 @@ struct Request {
 
 /// A local program connected to the command server.  Its record exists once
 /// the constructor returns.
-class LocalClient {
+class LocalClient : q9test::NoCopy {
 public:
     LocalClient();
     ~LocalClient();
-    LocalClient(const LocalClient&) = delete;
-    LocalClient& operator=(const LocalClient&) = delete;
 
     /// The server's index of this client.
     unsigned long index() const { return index_; }
@@ -66,9 +53,9 @@ public:
     /// Sends the request; nothing is served yet.
     void send(const Request& request);
     /// Serves the command server until this client has a packet; none after 10 s.
-    std::optional<ReceivedPacket> receive();
+    std::optional<q9test::Packet> receive();
     /// send() then receive().
-    std::optional<ReceivedPacket> ask(const Request& request);
+    std::optional<q9test::Packet> ask(const Request& request);
     /// Hangs up; the server is not served.
     void hang_up();
     /// Hangs up and serves until the server dropped the record.
@@ -88,12 +75,10 @@ protected:
 
 /// The media-item service at its fixed path, recording each request as
 /// "COMMAND ARGUMENT...".
-class MediaItemService {
+class MediaItemService : q9test::NoCopy {
 public:
     MediaItemService();
     ~MediaItemService();
-    MediaItemService(const MediaItemService&) = delete;
-    MediaItemService& operator=(const MediaItemService&) = delete;
 
     /// The first `count` requests received; fewer if they do not come within 10 s.
     std::vector<std::string> requests(size_t count);
@@ -103,9 +88,6 @@ private:
     comm_socket_v4* endpoint_;
     std::vector<std::string> requests_;
 };
-
-/// Descriptors open in this process.
-size_t open_descriptor_count();
 
 /// Fills the socket buffer of the server's peer at `index` with packets
 /// until the library refuses the next one; returns how many it took.

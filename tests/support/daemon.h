@@ -1,0 +1,64 @@
+// The daemon binary run inside the test sandbox, at its fixed paths and
+// port, and looked at only from outside (stderr, files, signals, sockets).
+#pragma once
+
+#include "fixed_paths.h"
+
+#include "process.h"
+
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace q9test {
+
+constexpr const char* config_path = DAEMON_CONFIGURATION_PATH;
+constexpr const char* pid_path = DAEMON_PID_PATH;
+constexpr const char* service_path = DAEMON_SERVICE_PATH;
+constexpr const char* rendermgr_root = RENDERMGR_ROOT;
+constexpr int trigger_port = 9876;
+
+/// Writes the daemon's configuration file; when $Q9_TEST_WAKE_ON_INPUT is
+/// set and `content` has no [daemon] table, a table switching
+/// wake_on_input on follows `content`.
+void write_config(const std::string& content);
+/// A configuration with one valid section, enough for a normal start.
+std::string minimal_config();
+
+/// The sandbox's private copy of the daemon binary, made on first use: the
+/// single-instance lock is on the executable file, so every sandbox needs
+/// its own copy; all runs of one test share it.
+std::string daemon_copy();
+
+/// Whether the daemon runs its main loop: PID file written, service socket
+/// and TCP port listening.
+bool daemon_ready();
+
+/// Whether the descriptor dump that the first daemon of the sandbox wrote
+/// to its stderr `err` at stop lists only what a stopped daemon keeps: the
+/// standard three, the lock on its executable and the syslog connection.
+bool stop_dump_keeps_only_lock_and_syslog(const std::string& err);
+
+/// One run of the daemon copy, standard output to /dev/null and standard
+/// error to a file of its own.
+class Daemon : public ChildProcess {
+public:
+    explicit Daemon(std::vector<std::string> args = {});
+    /// The daemon under a tool (`wrapper` before the daemon, valgrind for
+    /// instance) with `environment` ("NAME=VALUE") added.
+    Daemon(std::vector<std::string> args, std::vector<std::string> wrapper,
+           const std::vector<std::string>& environment);
+
+    /// Waits until daemon_ready() holds.
+    bool wait_until_running(std::chrono::milliseconds limit = default_wait) const;
+    /// Sends a signal and waits until the process has taken it, so that a
+    /// next one of the same kind is not merged with it.
+    bool deliver(int signo) const;
+    /// Stops the daemon in order (SIGTERM) and waits for its end: as wait_exit().
+    int stop(std::chrono::milliseconds limit = default_wait);
+};
+
+/// Runs the daemon with `args` to its end; returns its exit status and stderr.
+std::pair<int, std::string> run_daemon_to_end(std::vector<std::string> args = {});
+
+}  // namespace q9test
