@@ -4,6 +4,7 @@
 #include "comm_socket_v4.h"
 #include "config/configuration.h"
 #include "daemon/command_line.h"
+#include "daemon/daemon_counters.h"
 #include "daemon/instance_guard.h"
 #include "daemon/process_state.h"
 #include "daemon/signals.h"
@@ -43,7 +44,7 @@ int start_up(int argc, char** argv)
             return 0;
         }
     }
-    bool loaded = load_configuration();
+    bool loaded = note_configuration_load(load_configuration());
     if (loaded && !force_run && configuration.empty()) {
         fputs("Nothing to watch.\n", stderr);
         return 1;
@@ -104,13 +105,16 @@ void main_loop_pass(uint64_t& next_refresh)
         known_channels_update();
         connect_manage();
     }
+    uint64_t sleep_start = monotonic_clock_us();
     usleep(pass_sleep_us);
+    uint64_t sleep_end = monotonic_clock_us();
     reload_if_requested();
     connect_idle();
     for (int i = 0; i < calls_per_pass; ++i)
         handle_server_socket();
     for (int i = 0; i < calls_per_pass; ++i)
         service_all_tcp_clients();
+    note_pass(now, monotonic_clock_us(), sleep_end - sleep_start);
 }
 
 // The ordered stop: the command server first (its clients are not told),
@@ -146,7 +150,7 @@ void reload_if_requested()
     sigprocmask(SIG_UNBLOCK, &hangup, nullptr);
 
     configuration.clear();
-    if (!load_configuration())
+    if (!note_reload(load_configuration()))
         fputs("Warning: Configuration load failure\n", stderr);
 }
 

@@ -1,6 +1,7 @@
 #include "service/client_notification.h"
 
 #include "comm_socket_v4.h"
+#include "daemon/daemon_counters.h"
 #include "daemon/process_state.h"
 #include "service/patient_send.h"
 
@@ -50,6 +51,7 @@ void notify_client(unsigned long index, const CommSocketClient& client,
     if (packet == nullptr)
         return;
     write_notification(packet, message);
-    send_to_client_patiently(peer, packet);
+    if (send_to_client_patiently(peer, packet))
+        ++daemon_counters.notifies_sent;
     comm_socket_v4_packet_release(packet);
 }

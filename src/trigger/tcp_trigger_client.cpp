@@ -1,5 +1,8 @@
 #include "trigger/tcp_trigger_client.h"
 
+#include "daemon/daemon_counters.h"
+#include "trigger/tcp_peer_records.h"
+
 #include <cassert>
 #include <cerrno>
 #include <cstdio>
@@ -93,6 +96,7 @@ bool take_byte(TCPTriggerClient& client, unsigned char byte)
 int take_processed(TCPTriggerClient& client, unsigned char* bytes, ssize_t count)
 {
     recv(client.sock_fd, bytes, count, MSG_DONTWAIT);
+    count_tcp_bytes(client.sock_fd, static_cast<size_t>(count));
     return 0;
 }
 
@@ -198,6 +202,7 @@ void TCPTriggerClient::send_reply(int one_line)
     const char* reply = one_line == 1 ? "OK\n" : "OK\n\n";
     if (const char* failure = reply_failure(sock_fd, reply, strlen(reply))) {
         fputs(failure, stderr);
+        ++daemon_counters.tcp_reply_failures;
         close_connection(*this);
     }
 }

@@ -1,6 +1,7 @@
 #include "sim/simulators.h"
 
 #include "metadata_v4.h"
+#include "q9_version.h"
 #include "rendermgr/packet_view.h"
 
 #include <algorithm>
@@ -12,6 +13,7 @@ namespace {
 
 const char* const kMainHelp =
     "Usage: q9_appliance_sim PROGRAM [OPTIONS]\n"
+    "       q9_appliance_sim --version\n"
     "\n"
     "Stands in for the appliance's other programs on a development machine.\n"
     "\n"
@@ -165,6 +167,10 @@ SimParseOutcome parse_sim_command_line(const std::vector<std::string>& args,
     }
     if (is_help(args[0])) {
         *text = kMainHelp;
+        return SimParseOutcome::Help;
+    }
+    if (args[0] == "--version") {
+        *text = std::string("q9_appliance_sim ") + q9_version + "\n";
         return SimParseOutcome::Help;
     }
     if (args[0] == "rendermgr") {

@@ -26,7 +26,7 @@ struct SimInvocation {
 /// What the caller does after parsing.
 enum class SimParseOutcome {
     Run,         ///< `invocation` is filled
-    Help,        ///< print `text` on stdout, exit 0
+    Help,        ///< print `text` (help or version) on stdout, exit 0
     UsageError,  ///< print `text` on stderr, exit SIM_EXIT_USAGE
 };
 
