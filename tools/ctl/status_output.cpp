@@ -3,6 +3,7 @@
 #include "ctl/output.h"
 #include "rendermgr/packet_view.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <ctime>
@@ -213,7 +214,7 @@ std::string table(const std::vector<Column>& columns, const std::vector<std::vec
         for (size_t i = 0; i < row.size() && i < widths.size(); ++i)
             widths[i] = std::max(widths[i], row[i].size());
     auto line = [&](const std::vector<std::string>& cells) {
-        std::string text = " ";
+        std::string text;
         for (size_t i = 0; i < columns.size(); ++i) {
             std::string cell = i < cells.size() ? cells[i] : "";
             std::string pad(widths[i] - std::min(widths[i], cell.size()), ' ');
@@ -293,7 +294,7 @@ std::string channels_section(const Json& status)
         rows.push_back({text_of(member(channel, "number")), text_of(member(channel, "state")),
                         utc_time(member(channel, "since"))});
     return "\nRender-manager channels: " + std::to_string(rows.size()) + "\n" +
-           table({{"CHANNEL", false}, {"STATE", false}, {"SINCE", false}}, rows);
+           table({{"CHANNEL", true}, {"STATE", false}, {"SINCE", false}}, rows);
 }
 
 std::string counters_section(const Json& status)
@@ -314,10 +315,14 @@ std::string counters_section(const Json& status)
         {"passes", "count", "main loop passes"},
         {"passes", "slowest_work_us", "slowest pass work (us)"},
     };
-    std::vector<std::vector<std::string>> rows;
-    for (const auto& line : lines)
-        rows.push_back({line.label, field(status, line.group, line.name)});
-    return "\nCounters since start\n" + table({{"COUNTER", false}, {"VALUE", true}}, rows);
+    std::string text = "\nCounters since start\n";
+    for (const auto& line : lines) {
+        char row[128];
+        snprintf(row, sizeof row, "  %-26s  %s\n", line.label,
+                 field(status, line.group, line.name).c_str());
+        text += row;
+    }
+    return text;
 }
 
 }  // namespace
