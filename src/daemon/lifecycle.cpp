@@ -3,8 +3,10 @@
 #include "appliance_util.h"
 #include "comm_socket_v4.h"
 #include "config/configuration.h"
+#include "config/daemon_settings.h"
 #include "daemon/command_line.h"
 #include "daemon/daemon_counters.h"
+#include "daemon/input_wait.h"
 #include "daemon/instance_guard.h"
 #include "daemon/process_state.h"
 #include "daemon/signals.h"
@@ -94,9 +96,11 @@ int start_up(int argc, char** argv)
 
 // One pass of the main loop.  The channel refresh runs on the first pass
 // too, right after the one at start-up: the second finds every endpoint in
-// place and attempts nothing twice.
+// place and attempts nothing twice.  The mode is taken once per pass, so a
+// reload inside the pass changes it from the next one on.
 void main_loop_pass(uint64_t& next_refresh)
 {
+    bool waking = daemon_settings.wake_on_input;
     uint64_t now = monotonic_clock_us();
     if (now >= next_refresh) {
         uint64_t after_now = now + channel_refresh_interval_us;
@@ -106,14 +110,22 @@ void main_loop_pass(uint64_t& next_refresh)
         connect_manage();
     }
     uint64_t sleep_start = monotonic_clock_us();
-    usleep(pass_sleep_us);
+    if (waking)
+        wait_for_input(next_refresh);
+    else
+        usleep(pass_sleep_us);
     uint64_t sleep_end = monotonic_clock_us();
     reload_if_requested();
     connect_idle();
-    for (int i = 0; i < calls_per_pass; ++i)
-        handle_server_socket();
-    for (int i = 0; i < calls_per_pass; ++i)
-        service_all_tcp_clients();
+    if (waking) {
+        serve_command_server_in_window();
+        serve_tcp_clients_in_window();
+    } else {
+        for (int i = 0; i < calls_per_pass; ++i)
+            handle_server_socket();
+        for (int i = 0; i < calls_per_pass; ++i)
+            service_all_tcp_clients();
+    }
     note_pass(now, monotonic_clock_us(), sleep_end - sleep_start);
 }
 

@@ -103,7 +103,7 @@ void write_tcp_connections(PairWriter& out)
         out.number(out.member("tcp", position, "fd"), static_cast<uint64_t>(fd));
         out.text(out.member("tcp", position, "peer"), peer);
         out.text(out.member("tcp", position, "state"), tcp_client_state(client));
-        out.number(out.member("tcp", position, "bytes_read"), record.bytes_read);
+        out.number(out.member("tcp", position, "bytes_read"), client.bytes_read);
         out.number(out.member("tcp", position, "messages"), record.messages);
         ++position;
     }

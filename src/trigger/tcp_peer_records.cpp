@@ -2,19 +2,12 @@
 
 void note_tcp_peer(int fd, const sockaddr_in& peer)
 {
-    tcp_peer_records[fd] = TcpPeerRecord{peer, 0, 0};
+    tcp_peer_records[fd] = TcpPeerRecord{peer, 0};
 }
 
 void forget_tcp_peer(int fd)
 {
     tcp_peer_records.erase(fd);
-}
-
-void count_tcp_bytes(int fd, size_t count)
-{
-    auto record = tcp_peer_records.find(fd);
-    if (record != tcp_peer_records.end())
-        record->second.bytes_read += count;
 }
 
 void count_tcp_message(int fd)
@@ -28,8 +21,7 @@ const char* tcp_client_state(const TCPTriggerClient& client)
 {
     if (client.sock_fd < 0)
         return "closed";
-    // A line that filled the buffer up to its last place is never read on.
-    if (client.line_pos >= sizeof(client.line) - 1)
+    if (client.stalled())
         return "stalled";
     if (client.line_pos > 0 || client.line_count > 0)
         return "reading";

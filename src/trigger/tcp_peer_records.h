@@ -1,5 +1,6 @@
 // What the operator's status view shows of each TCP trigger connection
-// beyond its line state: the peer's address and how much it sent.  Kept
+// beyond the connection's own record: the peer's address and the messages
+// handled.  Kept
 // beside `tcp_clients`, by the same descriptor, for the status alone; the
 // daemon's messages about a connection still name only its descriptor.
 #pragma once
@@ -8,15 +9,13 @@
 
 #include <netinet/in.h>
 
-#include <cstddef>
 #include <cstdint>
 #include <map>
 
 /// The record of one accepted connection.
 struct TcpPeerRecord {
-    sockaddr_in peer{};       ///< the address accept() gave
-    uint64_t bytes_read = 0;  ///< bytes taken from the connection
-    uint64_t messages = 0;    ///< complete messages handled
+    sockaddr_in peer{};     ///< the address accept() gave
+    uint64_t messages = 0;  ///< complete messages handled
 };
 
 /// Records by the descriptor `accept` returned, as in `tcp_clients`.
@@ -26,8 +25,6 @@ extern std::map<int, TcpPeerRecord> tcp_peer_records;
 void note_tcp_peer(int fd, const sockaddr_in& peer);
 /// Forgets the record of `fd`, if any.
 void forget_tcp_peer(int fd);
-/// Adds `count` bytes read to the record of `fd`, if any.
-void count_tcp_bytes(int fd, size_t count);
 /// Counts one handled message in the record of `fd`, if any.
 void count_tcp_message(int fd);
 /// "stalled" once a line reached 1024 characters (the connection is never

@@ -14,6 +14,8 @@ public:
     std::string command;       ///< first line of the current message
     std::map<std::string, std::string> nv_pairs;  ///< name=value lines of the message
     int reserved = 0;          ///< kept for the record layout; nothing uses it
+    size_t bytes_read = 0;     ///< bytes taken from the socket since it was adopted
+    size_t window_bytes = 0;   ///< bytes read in the waking loop's current window
 
     TCPTriggerClient();
     /// Closes the socket if it is open; no reply is sent.
@@ -26,6 +28,11 @@ public:
     /// Reads up to 256 bytes, handling and acknowledging every message they
     /// complete.  0 while the connection is open, -1 once it is closed.
     int idle();
+    /// Like idle(), reading at most `budget` bytes (and never more than 256).
+    int idle(size_t budget);
+    /// True once a line reached 1024 characters: the connection is never
+    /// read again and keeps its place until the daemon stops.
+    bool stalled() const;
     /// Sends "OK\n" (one_line 1) or "OK\n\n"; closes the connection when
     /// the reply cannot be sent whole.
     void send_reply(int one_line);

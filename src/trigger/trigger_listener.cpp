@@ -54,17 +54,57 @@ int accept_pending(sockaddr_in& address)
 }
 
 // The key printed is the one fixed at accept time: a closed client's own
-// sock_fd is -1 by now.
-void sweep_closed_clients()
+// sock_fd is -1 by now.  The number of connections swept.
+int sweep_closed_clients()
 {
+    int swept = 0;
     for (auto it = tcp_clients.begin(); it != tcp_clients.end();) {
         auto current = it++;
         if (current->second.sock_fd < 0) {
             fprintf(stderr, "Dropping TCP client fd %d\n", current->first);
             forget_tcp_peer(current->first);
             tcp_clients.erase(current);
+            ++swept;
         }
     }
+    return swept;
+}
+
+// Accepted sockets stay blocking: every receive and send on them asks for
+// non-blocking by itself.  Further callers wait in the listen queue.  The
+// number of connections accepted.
+int accept_while_places_are_free()
+{
+    int accepted = 0;
+    while (tcp_clients.size() < most_clients) {
+        sockaddr_in peer{};
+        int fd = accept_pending(peer);
+        if (fd < 0)
+            break;
+        assert(tcp_clients.find(fd) == tcp_clients.end());
+        fprintf(stderr, "Accepted TCP client fd %d\n", fd);
+        // Replies are a few bytes each; sent at once, several answered in one
+        // pass do not wait for the peer's delayed acknowledgement of the last.
+        int immediately = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &immediately, sizeof(immediately));
+        tcp_clients[fd].take_fd(fd);
+        note_tcp_peer(fd, peer);
+        ++accepted;
+    }
+    return accepted;
+}
+
+// Reads what is left of the connection's window budget; true when that read
+// anything or ended the connection.
+bool read_within_window(TCPTriggerClient& client)
+{
+    if (client.sock_fd < 0 || client.window_bytes >= tcp_window_budget)
+        return false;
+    size_t before = client.bytes_read;
+    client.idle(tcp_window_budget - client.window_bytes);
+    size_t read = client.bytes_read - before;
+    client.window_bytes += read;
+    return read > 0 || client.sock_fd < 0;
 }
 
 }  // namespace
@@ -107,22 +147,7 @@ void service_all_tcp_clients()
         entry.second.idle();
     // Sweeping before accepting refills a place freed in this very step.
     sweep_closed_clients();
-    // Accepted sockets stay blocking: every receive and send on them asks
-    // for non-blocking by itself.  Further callers wait in the listen queue.
-    while (tcp_clients.size() < most_clients) {
-        sockaddr_in peer{};
-        int fd = accept_pending(peer);
-        if (fd < 0)
-            return;
-        assert(tcp_clients.find(fd) == tcp_clients.end());
-        fprintf(stderr, "Accepted TCP client fd %d\n", fd);
-        // Replies are a few bytes each; sent at once, several answered in one
-        // pass do not wait for the peer's delayed acknowledgement of the last.
-        int immediately = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &immediately, sizeof(immediately));
-        tcp_clients[fd].take_fd(fd);
-        note_tcp_peer(fd, peer);
-    }
+    accept_while_places_are_free();
 }
 
 void drop_all_tcp_clients()
@@ -130,4 +155,37 @@ void drop_all_tcp_clients()
     while (!tcp_clients.empty())
         tcp_clients.erase(tcp_clients.begin());
     tcp_peer_records.clear();
+}
+
+bool service_tcp_clients_in_window()
+{
+    bool found_work = false;
+    for (auto& entry : tcp_clients)
+        found_work |= read_within_window(entry.second);
+    found_work |= sweep_closed_clients() > 0;
+    found_work |= accept_while_places_are_free() > 0;
+    return found_work;
+}
+
+void open_tcp_window()
+{
+    for (auto& entry : tcp_clients)
+        entry.second.window_bytes = 0;
+}
+
+// A stalled line and a spent budget are not waited on: their bytes would
+// wake the loop without being read.
+void tcp_wait_descriptors(std::vector<pollfd>& fds, uint64_t& wake_at, bool& budget_spent)
+{
+    if (tcp_trigger_fd >= 0 && tcp_clients.size() < most_clients)
+        fds.push_back(pollfd{tcp_trigger_fd, POLLIN, 0});
+    for (const auto& entry : tcp_clients) {
+        const TCPTriggerClient& client = entry.second;
+        if (client.sock_fd < 0)
+            wake_at = 0;
+        else if (client.window_bytes >= tcp_window_budget)
+            budget_spent = true;
+        else if (!client.stalled())
+            fds.push_back(pollfd{client.sock_fd, POLLIN, 0});
+    }
 }

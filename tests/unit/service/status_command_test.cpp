@@ -141,7 +141,7 @@ TEST_F(StatusCommandTest, ConnectionWithoutRecordShowsAnUnknownPeer)
     forget_tcp_peer(fd);
     Fields fields = reply();
     EXPECT_EQ("unknown", fields["tcp.0.peer"]);
-    EXPECT_EQ("0", fields["tcp.0.bytes_read"]);
+    EXPECT_EQ("0", fields["tcp.0.messages"]);
 }
 
 }  // namespace
