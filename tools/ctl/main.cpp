@@ -38,18 +38,25 @@ int connect_service(ServiceConnection& connection)
     return status;
 }
 
-int run_request(const CtlInvocation& invocation)
+// Sends one request and waits for its reply; a failure is reported here.
+int ask_service(const char* command, const NameValueList& pairs, PacketPtr* reply)
 {
     ServiceConnection connection;
     int status = connect_service(connection);
     if (status != CTL_EXIT_OK)
         return status;
-    PacketPtr reply;
     std::string error;
-    status = request_reply(connection, service_command_word(invocation.action),
-                           registration_pairs(invocation), &reply, &error);
+    status = request_reply(connection, command, pairs, reply, &error);
+    return status == CTL_EXIT_OK ? status : fail(status, error);
+}
+
+int run_request(const CtlInvocation& invocation)
+{
+    PacketPtr reply;
+    int status = ask_service(service_command_word(invocation.action), registration_pairs(invocation),
+                             &reply);
     if (status != CTL_EXIT_OK)
-        return fail(status, error);
+        return status;
     fputs(format_reply(reply.get()).c_str(), stdout);
     return reply_succeeded(reply.get()) ? CTL_EXIT_OK : CTL_EXIT_FAILED;
 }
@@ -58,15 +65,10 @@ int run_request(const CtlInvocation& invocation)
 // that reply is printed as it came.
 int run_status(const CtlInvocation& invocation)
 {
-    ServiceConnection connection;
-    int status = connect_service(connection);
+    PacketPtr reply;
+    int status = ask_service("status", {}, &reply);
     if (status != CTL_EXIT_OK)
         return status;
-    PacketPtr reply;
-    std::string error;
-    status = request_reply(connection, "status", {}, &reply, &error);
-    if (status != CTL_EXIT_OK)
-        return fail(status, error);
     if (!reply_succeeded(reply.get())) {
         fputs(format_reply(reply.get()).c_str(), stdout);
         return CTL_EXIT_FAILED;
