@@ -18,6 +18,9 @@ constexpr int steps_per_pass = 10;
 
 uint64_t window_end = 0;
 int server_rounds = 0;
+/// The last round found no usable endpoint: its descriptors may stay ready
+/// for good, so it is given a round once per window, as a classic pass would.
+bool server_unusable = false;
 /// Kept from wait to wait, so that a wait allocates nothing once it has
 /// grown to the number of peers.
 std::vector<pollfd> watched;
@@ -39,7 +42,7 @@ uint64_t collect_watched(uint64_t next_refresh)
     uint64_t wake_at = next_refresh;
     bool budget_spent = false;
     tcp_wait_descriptors(watched, wake_at, budget_spent);
-    if (server_rounds >= server_rounds_per_window)
+    if (server_rounds >= server_rounds_per_window || server_unusable)
         budget_spent = true;
     else if (server_socket != nullptr)
         append_endpoint_descriptors(server_socket, watched, wake_at);
@@ -92,6 +95,7 @@ void serve_command_server_in_window()
 {
     for (int step = 0; step < steps_per_pass && server_rounds < server_rounds_per_window; ++step) {
         int result = handle_server_socket();
+        server_unusable = result != 0;
         if (!server_round_found_work())
             return;
         ++server_rounds;

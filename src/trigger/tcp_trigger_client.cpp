@@ -153,17 +153,12 @@ void TCPTriggerClient::take_fd(int fd)
     sock_fd = fd;
 }
 
-int TCPTriggerClient::idle()
-{
-    return idle(read_budget);
-}
-
 bool TCPTriggerClient::stalled() const
 {
     return line_pos > longest_line;
 }
 
-int TCPTriggerClient::idle(size_t budget)
+int TCPTriggerClient::idle()
 {
     if (sock_fd < 0)
         return -1;
@@ -173,7 +168,7 @@ int TCPTriggerClient::idle(size_t budget)
     // take_byte() is not reached; it stays as the guard of the buffer.
     if (stalled())
         return 0;
-    size_t limit = budget < read_budget ? budget : read_budget;
+    size_t limit = read_limit < read_budget ? read_limit : read_budget;
     size_t count = 0;
     while (count < limit) {
         // The bytes are looked at where they arrived and then taken, exactly

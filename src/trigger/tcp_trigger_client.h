@@ -16,6 +16,8 @@ public:
     int reserved = 0;          ///< kept for the record layout; nothing uses it
     size_t bytes_read = 0;     ///< bytes taken from the socket since it was adopted
     size_t window_bytes = 0;   ///< bytes read in the waking loop's current window
+    size_t read_limit = 256;   ///< most bytes the next idle() reads; lower only while
+                               ///< the waking loop's window has less left
 
     TCPTriggerClient();
     /// Closes the socket if it is open; no reply is sent.
@@ -25,11 +27,10 @@ public:
 
     /// Adopts an accepted socket; the client must not hold one yet.
     void take_fd(int fd);
-    /// Reads up to 256 bytes, handling and acknowledging every message they
-    /// complete.  0 while the connection is open, -1 once it is closed.
+    /// Reads up to 256 bytes (`read_limit`), handling and acknowledging every
+    /// message they complete.  0 while the connection is open, -1 once it is
+    /// closed.
     int idle();
-    /// Like idle(), reading at most `budget` bytes (and never more than 256).
-    int idle(size_t budget);
     /// True once a line reached 1024 characters: the connection is never
     /// read again and keeps its place until the daemon stops.
     bool stalled() const;

@@ -3,6 +3,7 @@
 #include "appliance_util.h"
 #include "trigger/tcp_peer_records.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cerrno>
 #include <cstdio>
@@ -70,29 +71,12 @@ int sweep_closed_clients()
     return swept;
 }
 
-// Accepted sockets stay blocking: every receive and send on them asks for
-// non-blocking by itself.  Further callers wait in the listen queue.  The
-// number of connections accepted.
-int accept_while_places_are_free()
-{
-    int accepted = 0;
-    while (tcp_clients.size() < most_clients) {
-        sockaddr_in peer{};
-        int fd = accept_pending(peer);
-        if (fd < 0)
-            break;
-        assert(tcp_clients.find(fd) == tcp_clients.end());
-        fprintf(stderr, "Accepted TCP client fd %d\n", fd);
-        // Replies are a few bytes each; sent at once, several answered in one
-        // pass do not wait for the peer's delayed acknowledgement of the last.
-        int immediately = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &immediately, sizeof(immediately));
-        tcp_clients[fd].take_fd(fd);
-        note_tcp_peer(fd, peer);
-        ++accepted;
-    }
-    return accepted;
-}
+/// Set while the waking loop's step runs: each connection then reads only
+/// what is left of its window's budget.
+bool within_windows = false;
+/// What the running step found to do: bytes read, connections closed, swept
+/// or accepted.
+int step_work = 0;
 
 // Reads what is left of the connection's window budget; true when that read
 // anything or ended the connection.
@@ -101,7 +85,10 @@ bool read_within_window(TCPTriggerClient& client)
     if (client.sock_fd < 0 || client.window_bytes >= tcp_window_budget)
         return false;
     size_t before = client.bytes_read;
-    client.idle(tcp_window_budget - client.window_bytes);
+    size_t classic_limit = client.read_limit;
+    client.read_limit = std::min(classic_limit, tcp_window_budget - client.window_bytes);
+    client.idle();
+    client.read_limit = classic_limit;
     size_t read = client.bytes_read - before;
     client.window_bytes += read;
     return read > 0 || client.sock_fd < 0;
@@ -143,11 +130,31 @@ void service_all_tcp_clients()
 {
     // idle()'s result is not needed: a closed client has set its sock_fd to
     // -1, which is what the sweep looks at.
-    for (auto& entry : tcp_clients)
-        entry.second.idle();
+    for (auto& entry : tcp_clients) {
+        if (within_windows)
+            step_work += read_within_window(entry.second);
+        else
+            entry.second.idle();
+    }
     // Sweeping before accepting refills a place freed in this very step.
-    sweep_closed_clients();
-    accept_while_places_are_free();
+    step_work += sweep_closed_clients();
+    // Accepted sockets stay blocking: every receive and send on them asks
+    // for non-blocking by itself.  Further callers wait in the listen queue.
+    while (tcp_clients.size() < most_clients) {
+        sockaddr_in peer{};
+        int fd = accept_pending(peer);
+        if (fd < 0)
+            return;
+        assert(tcp_clients.find(fd) == tcp_clients.end());
+        fprintf(stderr, "Accepted TCP client fd %d\n", fd);
+        // Replies are a few bytes each; sent at once, several answered in one
+        // pass do not wait for the peer's delayed acknowledgement of the last.
+        int immediately = 1;
+        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &immediately, sizeof(immediately));
+        tcp_clients[fd].take_fd(fd);
+        note_tcp_peer(fd, peer);
+        ++step_work;
+    }
 }
 
 void drop_all_tcp_clients()
@@ -159,12 +166,11 @@ void drop_all_tcp_clients()
 
 bool service_tcp_clients_in_window()
 {
-    bool found_work = false;
-    for (auto& entry : tcp_clients)
-        found_work |= read_within_window(entry.second);
-    found_work |= sweep_closed_clients() > 0;
-    found_work |= accept_while_places_are_free() > 0;
-    return found_work;
+    within_windows = true;
+    step_work = 0;
+    service_all_tcp_clients();
+    within_windows = false;
+    return step_work > 0;
 }
 
 void open_tcp_window()

@@ -408,3 +408,20 @@ TEST_F(CommandServerWindow, SpentRoundsLeaveTheServerUnwatched)
 }
 
 }  // namespace
+
+namespace {
+
+// An endpoint that fails its round is given one round per window instead of
+// being watched, so a descriptor of it that stays ready cannot spin the loop.
+TEST_F(CommandServerWindow, UnusableServerIsRetriedOncePerWindow)
+{
+    comm_socket_v4_close(server_socket);
+    serve();
+    start_new_window();
+    uint64_t start = monotonic_clock_us();
+    wait_for_input(start + far_away_us);
+    EXPECT_GE(monotonic_clock_us(), window_opened + input_window_us);
+    EXPECT_LT(monotonic_clock_us() - start, far_away_us / 2);
+}
+
+}  // namespace
