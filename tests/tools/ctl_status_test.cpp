@@ -305,6 +305,25 @@ TEST_F(StatusOfAKnownDaemon, CtlShowsEveryTableForAPerson)
     EXPECT_NE(std::string::npos, page.find("\n  reloads failed              1\n"));
 }
 
+TEST(StatusOfAWakingDaemon, SettingsOfTheDaemonTableAreShownAndPassesCounted)
+{
+    write_config(minimal_config() + "\n[daemon]\nwake_on_input = true\ntcp_idle_timeout_s = 30\n");
+    Daemon daemon;
+    ASSERT_TRUE(daemon.wait_until_running()) << daemon.stderr_text();
+    ServiceClient client;
+    Packet reply;
+    ASSERT_TRUE(client.request(reply, "status"));
+    auto fields = as_map(reply.pairs);
+    EXPECT_EQ("true", fields["daemon.wake_on_input"]);
+    EXPECT_EQ("false", fields["daemon.close_long_lines"]);
+    EXPECT_EQ("30", fields["daemon.tcp_idle_timeout_s"]);
+    EXPECT_EQ("ok", fields["config.result"]);
+    // The request wakes the loop and is answered inside that pass, which
+    // counts once it is over.
+    ASSERT_TRUE(client.request(reply, "status"));
+    EXPECT_GT(std::stoull(as_map(reply.pairs)["passes.count"]), std::stoull(fields["passes.count"]));
+}
+
 TEST(StatusWithoutDaemon, CtlSaysTheDaemonIsNotRunning)
 {
     ToolResult result = q9tools::run_tool(Q9_CTL_BINARY, {"status", "--json"});
