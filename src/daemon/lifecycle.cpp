@@ -5,6 +5,7 @@
 #include "config/configuration.h"
 #include "config/daemon_settings.h"
 #include "daemon/command_line.h"
+#include "daemon/daemon_counters.h"
 #include "daemon/input_wait.h"
 #include "daemon/instance_guard.h"
 #include "daemon/process_state.h"
@@ -45,7 +46,7 @@ int start_up(int argc, char** argv)
             return 0;
         }
     }
-    bool loaded = load_configuration();
+    bool loaded = note_configuration_load(load_configuration());
     if (loaded && !force_run && configuration.empty()) {
         fputs("Nothing to watch.\n", stderr);
         return 1;
@@ -108,21 +109,24 @@ void main_loop_pass(uint64_t& next_refresh)
         known_channels_update();
         connect_manage();
     }
+    uint64_t sleep_start = monotonic_clock_us();
     if (waking)
         wait_for_input(next_refresh);
     else
         usleep(pass_sleep_us);
+    uint64_t sleep_end = monotonic_clock_us();
     reload_if_requested();
     connect_idle();
     if (waking) {
         serve_command_server_in_window();
         serve_tcp_clients_in_window();
-        return;
+    } else {
+        for (int i = 0; i < calls_per_pass; ++i)
+            handle_server_socket();
+        for (int i = 0; i < calls_per_pass; ++i)
+            service_all_tcp_clients();
     }
-    for (int i = 0; i < calls_per_pass; ++i)
-        handle_server_socket();
-    for (int i = 0; i < calls_per_pass; ++i)
-        service_all_tcp_clients();
+    note_pass(now, monotonic_clock_us(), sleep_end - sleep_start);
 }
 
 // The ordered stop: the command server first (its clients are not told),
@@ -158,7 +162,7 @@ void reload_if_requested()
     sigprocmask(SIG_UNBLOCK, &hangup, nullptr);
 
     configuration.clear();
-    if (!load_configuration())
+    if (!note_reload(load_configuration()))
         fputs("Warning: Configuration load failure\n", stderr);
 }
 

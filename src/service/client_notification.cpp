@@ -1,6 +1,7 @@
 #include "service/client_notification.h"
 
 #include "comm_socket_v4.h"
+#include "daemon/daemon_counters.h"
 #include "daemon/process_state.h"
 #include "service/patient_send.h"
 
@@ -41,6 +42,12 @@ comm_socket_v4_packet* notification(const TCPTriggerClient& message)
     return packet;
 }
 
+void send_notification(comm_socket_v4_client* peer, comm_socket_v4_packet* packet)
+{
+    if (send_to_client_patiently(peer, packet))
+        ++daemon_counters.notifies_sent;
+}
+
 }  // namespace
 
 // Every listener gets the same bytes, so the packet is written once, when
@@ -58,7 +65,7 @@ void notify_clients(const TCPTriggerClient& message)
             packet = notification(message);
         if (packet == nullptr)
             return;
-        send_to_client_patiently(peer, packet);
+        send_notification(peer, packet);
     }
     if (packet != nullptr)
         comm_socket_v4_packet_release(packet);
@@ -73,6 +80,6 @@ void notify_client(unsigned long index, const CommSocketClient& client,
     comm_socket_v4_packet* packet = notification(message);
     if (packet == nullptr)
         return;
-    send_to_client_patiently(peer, packet);
+    send_notification(peer, packet);
     comm_socket_v4_packet_release(packet);
 }

@@ -2,9 +2,11 @@
 
 #include "comm_packet_reader.h"
 #include "comm_socket_v4.h"
+#include "daemon/daemon_counters.h"
 #include "daemon/process_state.h"
 #include "q9mi.h"
 #include "service/patient_send.h"
+#include "service/status_command.h"
 
 #include <cassert>
 #include <cstdio>
@@ -173,6 +175,8 @@ void dispatch(comm_socket_v4_packet* request, comm_socket_v4_packet* reply, unsi
         command_unregister(request, reply, index);
     else if (strcmp(command, "list-pmi") == 0)
         command_list_pmi(reply);
+    else if (strcmp(command, "status") == 0)
+        write_status_reply(reply);
     else
         q9mi_default_unknown_command_error_response(request, reply);
 }
@@ -230,5 +234,5 @@ void start_persistent_media()
 // not an error here: a trigger goes on to its notifications regardless.
 void start_persistent_media(const std::string& name, const MediaItemPersistence&)
 {
-    q9mi_start_item(name.c_str());
+    note_item_start(q9mi_start_item(name.c_str()));
 }

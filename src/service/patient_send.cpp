@@ -1,6 +1,7 @@
 #include "service/patient_send.h"
 
 #include "appliance_util.h"
+#include "daemon/daemon_counters.h"
 
 #include <cstdio>
 
@@ -10,15 +11,16 @@ constexpr uint64_t writeable_wait_us = 500000;
 
 }  // namespace
 
-void send_to_client_patiently(comm_socket_v4_client* client, comm_socket_v4_packet* packet)
+bool send_to_client_patiently(comm_socket_v4_client* client, comm_socket_v4_packet* packet)
 {
     for (;;) {
         int sent = comm_socket_v4_packet_send_to_client(client, packet);
         if (sent > 0)
-            return;
+            return true;
         if (sent < 0) {
             fputs("Failed to send packet to client\n", stderr);
-            return;
+            ++daemon_counters.client_send_failures;
+            return false;
         }
         // No bound on the tries: a local client that stays connected is
         // given whatever time it needs, even though the whole daemon waits

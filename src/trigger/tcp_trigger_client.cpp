@@ -1,5 +1,7 @@
 #include "trigger/tcp_trigger_client.h"
 
+#include "daemon/daemon_counters.h"
+
 #include <cassert>
 #include <cerrno>
 #include <cstdio>
@@ -206,6 +208,7 @@ void TCPTriggerClient::send_reply(int one_line)
     const char* reply = one_line == 1 ? "OK\n" : "OK\n\n";
     if (const char* failure = reply_failure(sock_fd, reply, strlen(reply))) {
         fputs(failure, stderr);
+        ++daemon_counters.tcp_reply_failures;
         close_connection(*this);
     }
 }

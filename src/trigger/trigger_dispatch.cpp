@@ -1,7 +1,9 @@
 #include "trigger/trigger_dispatch.h"
 
+#include "daemon/daemon_counters.h"
 #include "service/client_notification.h"
 #include "service/command_server.h"
+#include "trigger/tcp_peer_records.h"
 
 #include <cstdio>
 #include <syslog.h>
@@ -26,11 +28,13 @@ void TCPTriggerClient::handle_message()
 {
     if (!command.empty()) {
         print_message(*this);
+        count_tcp_message(sock_fd);
         syslog(LOG_DAEMON | LOG_INFO, "Command received, command '%s'\n", command.c_str());
         // Media items start before any local client hears of the trigger,
         // so a notified client finds them already asked to run.  Neither the
         // pairs nor the configured events narrow a trigger: it starts all.
         if (is_trigger(command)) {
+            ++daemon_counters.triggers;
             start_persistent_media();
             notify_clients(*this);
         }

@@ -1,6 +1,7 @@
 #include "trigger/trigger_listener.h"
 
 #include "appliance_util.h"
+#include "trigger/tcp_peer_records.h"
 
 #include <algorithm>
 #include <cassert>
@@ -41,16 +42,15 @@ int bind_to_port()
     return bind(tcp_trigger_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
 }
 
-// The peer's address is not kept anywhere, hence the length of 0.  The
-// listener is asked first whether anyone waits: on an empty queue accept()
-// makes the kernel build a socket and throw it away, ten times a pass.
-int accept_pending()
+// The peer's address goes to the status view only.  The listener is asked
+// first whether anyone waits: on an empty queue accept() makes the kernel
+// build a socket and throw it away, ten times a pass.
+int accept_pending(sockaddr_in& address)
 {
     pollfd listener{tcp_trigger_fd, POLLIN, 0};
     if (poll(&listener, 1, 0) <= 0 || (listener.revents & POLLIN) == 0)
         return -1;
-    sockaddr_in address{};
-    socklen_t length = 0;
+    socklen_t length = sizeof(address);
     return accept(tcp_trigger_fd, reinterpret_cast<sockaddr*>(&address), &length);
 }
 
@@ -63,6 +63,7 @@ int sweep_closed_clients()
         auto current = it++;
         if (current->second.sock_fd < 0) {
             fprintf(stderr, "Dropping TCP client fd %d\n", current->first);
+            forget_tcp_peer(current->first);
             tcp_clients.erase(current);
             ++swept;
         }
@@ -140,7 +141,8 @@ void service_all_tcp_clients()
     // Accepted sockets stay blocking: every receive and send on them asks
     // for non-blocking by itself.  Further callers wait in the listen queue.
     while (tcp_clients.size() < most_clients) {
-        int fd = accept_pending();
+        sockaddr_in peer{};
+        int fd = accept_pending(peer);
         if (fd < 0)
             return;
         assert(tcp_clients.find(fd) == tcp_clients.end());
@@ -150,6 +152,7 @@ void service_all_tcp_clients()
         int immediately = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &immediately, sizeof(immediately));
         tcp_clients[fd].take_fd(fd);
+        note_tcp_peer(fd, peer);
         ++step_work;
     }
 }
@@ -158,6 +161,7 @@ void drop_all_tcp_clients()
 {
     while (!tcp_clients.empty())
         tcp_clients.erase(tcp_clients.begin());
+    tcp_peer_records.clear();
 }
 
 bool service_tcp_clients_in_window()

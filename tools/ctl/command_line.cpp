@@ -1,5 +1,7 @@
 #include "ctl/command_line.h"
 
+#include "q9_version.h"
+
 #include <cstring>
 
 namespace {
@@ -12,6 +14,7 @@ const size_t kMaxTriggerLine = 1023;
 
 const char* const kMainHelp =
     "Usage: q9_korvane_xml_events_ctl COMMAND [OPTIONS]\n"
+    "       q9_korvane_xml_events_ctl --version\n"
     "\n"
     "Operator's client of q9_korvane_xml_events_d.\n"
     "\n"
@@ -22,6 +25,7 @@ const char* const kMainHelp =
     "  unregister   remove a persistent media item or stop trigger notifications\n"
     "  listen       print every trigger the daemon passes on, until interrupted\n"
     "  trigger      send one trigger message over TCP\n"
+    "  status       show the live daemon: connections, clients, channels, counters\n"
     "\n"
     "'q9_korvane_xml_events_ctl COMMAND --help' describes the options of a command.\n"
     "\n"
@@ -79,6 +83,17 @@ const char* const kTriggerHelp =
     "  --one-line    send the single line ONE LINE TRIGGER, answered by \"OK\"\n"
     "  --            ends the options: a COMMAND may then begin with '-'\n";
 
+const char* const kStatusHelp =
+    "Usage: q9_korvane_xml_events_ctl status [--json]\n"
+    "\n"
+    "Asks the daemon for its status and prints it: a short header (version,\n"
+    "uptime, configuration, settings in force), then one table each for the\n"
+    "TCP connections, the local clients, the persistent media items and the\n"
+    "render-manager channels, then the counters since start.\n"
+    "\n"
+    "  --json    print one JSON object instead; its fields are described in\n"
+    "            q9_korvane_xml_events_ctl(1)\n";
+
 struct SubCommand {
     const char* name;
     CtlAction action;
@@ -92,6 +107,7 @@ const SubCommand kSubCommands[] = {
     {"unregister", CtlAction::Unregister, kUnregisterHelp},
     {"listen", CtlAction::Listen, kListenHelp},
     {"trigger", CtlAction::Trigger, kTriggerHelp},
+    {"status", CtlAction::Status, kStatusHelp},
 };
 
 std::string usage_error(const char* sub_command, const std::string& message)
@@ -195,8 +211,9 @@ ParseOutcome parse_registration(ArgumentCursor& cursor, const SubCommand& sub,
     return ParseOutcome::Run;
 }
 
-ParseOutcome parse_listen(ArgumentCursor& cursor, const SubCommand& sub, CtlInvocation* invocation,
-                          std::string* text)
+// "listen" and "status": --json is their one option.
+ParseOutcome parse_json_option(ArgumentCursor& cursor, const SubCommand& sub,
+                               CtlInvocation* invocation, std::string* text)
 {
     while (!cursor.done()) {
         const std::string& arg = cursor.take();
@@ -332,6 +349,10 @@ ParseOutcome parse_command_line(const std::vector<std::string>& args, CtlInvocat
         *text = kMainHelp;
         return ParseOutcome::Help;
     }
+    if (args[0] == "--version") {
+        *text = std::string(kProgram) + " " + q9_version + "\n";
+        return ParseOutcome::Help;
+    }
     for (const SubCommand& sub : kSubCommands) {
         if (args[0] != sub.name)
             continue;
@@ -345,7 +366,8 @@ ParseOutcome parse_command_line(const std::vector<std::string>& args, CtlInvocat
         case CtlAction::Unregister:
             return parse_registration(cursor, sub, invocation, text);
         case CtlAction::Listen:
-            return parse_listen(cursor, sub, invocation, text);
+        case CtlAction::Status:
+            return parse_json_option(cursor, sub, invocation, text);
         case CtlAction::Trigger:
             return parse_trigger(cursor, sub, invocation, text);
         }
@@ -379,6 +401,8 @@ const char* service_command_word(CtlAction action)
         return "register";
     case CtlAction::Unregister:
         return "unregister";
+    case CtlAction::Status:
+        return "status";
     case CtlAction::Trigger:
         break;
     }

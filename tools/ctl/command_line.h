@@ -17,7 +17,7 @@ enum CtlExitStatus {
 };
 
 /// The sub-commands.
-enum class CtlAction { Test, ListPmi, Register, Unregister, Listen, Trigger };
+enum class CtlAction { Test, ListPmi, Register, Unregister, Listen, Trigger, Status };
 
 /// Name/value pairs in the order given.
 using NameValueList = std::vector<std::pair<std::string, std::string>>;
@@ -27,7 +27,7 @@ struct CtlInvocation {
     CtlAction action = CtlAction::Test;
     std::optional<std::string> target;    ///< register/unregister: the "target" pair
     std::optional<std::string> triggers;  ///< register/unregister: the "triggers" pair
-    bool json = false;                    ///< listen: one JSON object per line
+    bool json = false;                    ///< listen: one JSON object per line; status: one object
     std::string host = "127.0.0.1";       ///< trigger: where the daemon listens
     std::string port = "9876";            ///< trigger: decimal, 1 to 65535
     bool one_line = false;                ///< trigger: send the single line ONE LINE TRIGGER

@@ -3,6 +3,7 @@
 #include "ctl/command_line.h"
 #include "ctl/output.h"
 #include "ctl/service_client.h"
+#include "ctl/status_output.h"
 #include "ctl/trigger_client.h"
 
 #include "appliance_util.h"
@@ -55,6 +56,24 @@ int run_request(const CtlInvocation& invocation)
         return status;
     fputs(format_reply(reply.get()).c_str(), stdout);
     return reply_succeeded(reply.get()) ? CTL_EXIT_OK : CTL_EXIT_FAILED;
+}
+
+// A daemon that does not know "status" answers as to any unknown command;
+// that reply is printed as it came.
+int run_status(const CtlInvocation& invocation)
+{
+    ServiceConnection connection;
+    PacketPtr reply;
+    int status = ask_daemon(connection, "status", {}, &reply);
+    if (status != CTL_EXIT_OK)
+        return status;
+    if (!reply_succeeded(reply.get())) {
+        fputs(format_reply(reply.get()).c_str(), stdout);
+        return CTL_EXIT_FAILED;
+    }
+    const comm_socket_v4_packet* answer = reply.get();
+    fputs((invocation.json ? format_status_json(answer) : format_status_text(answer)).c_str(), stdout);
+    return CTL_EXIT_OK;
 }
 
 // Prints notifications until a stop signal.  The signals stay blocked except
@@ -128,6 +147,8 @@ int main(int argc, char** argv)
         return run_listen(invocation);
     case CtlAction::Trigger:
         return run_trigger(invocation);
+    case CtlAction::Status:
+        return run_status(invocation);
     default:
         return run_request(invocation);
     }

@@ -3,6 +3,7 @@
 #include "metadata_v4.h"
 #include "comm_packet_reader.h"
 #include "common/printable.h"
+#include "q9_version.h"
 
 #include <algorithm>
 #include <climits>
@@ -13,6 +14,7 @@ namespace {
 
 const char* const kMainHelp =
     "Usage: q9_appliance_sim PROGRAM [OPTIONS]\n"
+    "       q9_appliance_sim --version\n"
     "\n"
     "Stands in for the appliance's other programs on a development machine.\n"
     "\n"
@@ -143,6 +145,10 @@ ParseOutcome parse_sim_command_line(const std::vector<std::string>& args,
     }
     if (is_help(args[0])) {
         *text = kMainHelp;
+        return ParseOutcome::Help;
+    }
+    if (args[0] == "--version") {
+        *text = std::string("q9_appliance_sim ") + q9_version + "\n";
         return ParseOutcome::Help;
     }
     if (args[0] == "rendermgr") {

@@ -1,0 +1,170 @@
+#include "service/status_command.h"
+
+#include "appliance_util.h"
+#include "config/configuration.h"
+#include "config/daemon_settings.h"
+#include "daemon/daemon_counters.h"
+#include "q9_version.h"
+#include "rendermgr/channel_states.h"
+#include "rendermgr/channels.h"
+#include "service/command_server.h"
+#include "trigger/tcp_peer_records.h"
+#include "trigger/trigger_listener.h"
+
+#include <arpa/inet.h>
+#include <unistd.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <ctime>
+
+namespace {
+
+// Writes the pairs of one reply; names of list members carry the member's
+// position ("tcp.0.fd").
+class PairWriter {
+public:
+    explicit PairWriter(comm_socket_v4_packet* reply) : reply_(reply) {}
+
+    void text(const char* name, const char* value)
+    {
+        comm_socket_v4_packet_write_nv_pair(reply_, name, value);
+    }
+    void number(const char* name, uint64_t value)
+    {
+        char digits[24];
+        snprintf(digits, sizeof digits, "%" PRIu64, value);
+        text(name, digits);
+    }
+    void flag(const char* name, bool value) { text(name, value ? "true" : "false"); }
+
+    // The name "LIST.POSITION.FIELD" of a list member's field.
+    const char* member(const char* list, size_t position, const char* field)
+    {
+        snprintf(name_, sizeof name_, "%s.%zu.%s", list, position, field);
+        return name_;
+    }
+
+private:
+    comm_socket_v4_packet* reply_;
+    char name_[64];
+};
+
+/// Converts between the monotonic clock the daemon keeps and the wall clock
+/// an operator reads, both taken once per reply.
+struct Clocks {
+    uint64_t monotonic_us = monotonic_clock_us();
+    uint64_t unix_s = static_cast<uint64_t>(time(nullptr));
+
+    uint64_t unix_time_of(uint64_t at_us) const
+    {
+        uint64_t ago_s = monotonic_us > at_us ? (monotonic_us - at_us) / 1000000 : 0;
+        return unix_s > ago_s ? unix_s - ago_s : 0;
+    }
+};
+
+void write_process(PairWriter& out, const Clocks& clocks)
+{
+    out.text("version", q9_version);
+    out.number("pid", static_cast<uint64_t>(getpid()));
+    out.number("uptime_s", (clocks.monotonic_us - daemon_counters.started_us) / 1000000);
+}
+
+void write_settings(PairWriter& out)
+{
+    out.flag("daemon.wake_on_input", daemon_settings.wake_on_input);
+    out.flag("daemon.close_long_lines", daemon_settings.close_long_lines);
+    out.number("daemon.max_message_bytes", daemon_settings.max_message_bytes);
+    out.number("daemon.tcp_idle_timeout_s", daemon_settings.tcp_idle_timeout_s);
+    out.number("daemon.client_send_timeout_ms", daemon_settings.client_send_timeout_ms);
+}
+
+void write_configuration(PairWriter& out, const Clocks& clocks)
+{
+    out.text("config.path", configuration_path.c_str());
+    out.number("config.loaded_at", clocks.unix_time_of(daemon_counters.last_load_us));
+    out.text("config.result", daemon_counters.last_load_ok ? "ok" : "failed");
+    out.number("config.sections", configuration.size());
+}
+
+void write_tcp_connections(PairWriter& out)
+{
+    size_t position = 0;
+    for (const auto& [fd, client] : tcp_clients) {
+        auto noted = tcp_peer_records.find(fd);
+        bool known = noted != tcp_peer_records.end();
+        TcpPeerRecord record = known ? noted->second : TcpPeerRecord{};
+        char peer[INET_ADDRSTRLEN + 8] = "unknown";
+        if (known) {
+            char address[INET_ADDRSTRLEN] = "";
+            inet_ntop(AF_INET, &record.peer.sin_addr, address, sizeof address);
+            snprintf(peer, sizeof peer, "%s:%u", address, ntohs(record.peer.sin_port));
+        }
+        out.number(out.member("tcp", position, "fd"), static_cast<uint64_t>(fd));
+        out.text(out.member("tcp", position, "peer"), peer);
+        out.text(out.member("tcp", position, "state"), tcp_client_state(client));
+        out.number(out.member("tcp", position, "bytes_read"), client.bytes_read);
+        out.number(out.member("tcp", position, "messages"), record.messages);
+        ++position;
+    }
+}
+
+void write_local_clients(PairWriter& out)
+{
+    size_t position = 0;
+    for (const auto& [index, client] : server_socket_clients) {
+        out.number(out.member("clients", position, "index"), index);
+        out.flag(out.member("clients", position, "listening"), client.all_triggers);
+        out.text(out.member("clients", position, "target"), client.target.c_str());
+        ++position;
+    }
+    position = 0;
+    for (const auto& item : media_persistence)
+        out.text(out.member("items", position++, "name"), item.first.c_str());
+}
+
+void write_channels(PairWriter& out, const Clocks& clocks)
+{
+    size_t position = 0;
+    for (const auto& [channel, connection] : rendermgr_conn) {
+        ChannelState state = channel_state(connection);
+        uint64_t since = channel_state_since(channel, state, clocks.monotonic_us);
+        out.number(out.member("channels", position, "number"), static_cast<uint64_t>(channel));
+        out.text(out.member("channels", position, "state"), channel_state_name(state));
+        out.number(out.member("channels", position, "since"), clocks.unix_time_of(since));
+        ++position;
+    }
+}
+
+void write_counters(PairWriter& out)
+{
+    const DaemonCounters& counted = daemon_counters;
+    out.number("counters.triggers", counted.triggers);
+    out.number("counters.notifies_sent", counted.notifies_sent);
+    out.number("counters.item_starts", counted.item_starts);
+    out.number("counters.item_start_failures", counted.item_start_failures);
+    out.number("counters.tcp_reply_failures", counted.tcp_reply_failures);
+    out.number("counters.client_send_failures", counted.client_send_failures);
+    out.number("counters.reloads", counted.reloads);
+    out.number("counters.reload_failures", counted.reload_failures);
+    out.number("passes.count", counted.passes);
+    out.number("passes.slowest_work_us", counted.slowest_pass_work_us);
+}
+
+}  // namespace
+
+void write_status_reply(comm_socket_v4_packet* reply)
+{
+    Clocks clocks;
+    PairWriter out(reply);
+    comm_socket_v4_packet_begin_writing(reply, 0, "status", "OK");
+    comm_socket_v4_packet_write_argv_end(reply);
+    write_process(out, clocks);
+    write_settings(out);
+    write_configuration(out, clocks);
+    write_tcp_connections(out);
+    write_local_clients(out);
+    write_channels(out, clocks);
+    write_counters(out);
+    comm_socket_v4_packet_write_end(reply);
+}
