@@ -63,6 +63,12 @@ protected:
         printf("figure %s %s: %ld %s\n", GetParam() ? "waking" : "classic", what, value, unit);
         RecordProperty(what, static_cast<int>(value));
     }
+    /// The resident memory figures of the fault `what`.
+    void resident_figures(const std::string& what)
+    {
+        figure((what + ": resident before").c_str(), before.resident_kib, "KiB");
+        figure((what + ": resident after").c_str(), footprint_of(daemon->pid()).resident_kib, "KiB");
+    }
     /// Connects `count` peers and waits until the daemon took each.
     void connect_peers(std::vector<std::unique_ptr<TcpPeer>>& peers, int count)
     {
@@ -95,8 +101,7 @@ TEST_P(PeerLimitsLoad, FourLongLinesAreClosedAndAFifthPeerIsAnswered)
     long_lines.clear();
     fifth.close();
     expect_footprint_kept();
-    figure("long lines: resident before", before.resident_kib, "KiB");
-    figure("long lines: resident after", footprint_of(daemon->pid()).resident_kib, "KiB");
+    resident_figures("long lines");
 }
 
 TEST_P(PeerLimitsLoad, NeverEndingMessagesStopAtTheLimitAndMemoryStaysFlat)
@@ -122,8 +127,7 @@ TEST_P(PeerLimitsLoad, NeverEndingMessagesStopAtTheLimitAndMemoryStaysFlat)
     EXPECT_TRUE(trigger_acknowledged());
     expect_footprint_kept();
     figure("endless messages: bytes sent by the peers", static_cast<long>(sent), "bytes");
-    figure("endless messages: resident before", before.resident_kib, "KiB");
-    figure("endless messages: resident after", footprint_of(daemon->pid()).resident_kib, "KiB");
+    resident_figures("endless messages");
 }
 
 TEST_P(PeerLimitsLoad, ListenerThatNeverReadsIsDroppedWhileEveryTriggerIsAnswered)
@@ -179,8 +183,7 @@ TEST_P(PeerLimitsLoad, ListenerThatNeverReadsIsDroppedWhileEveryTriggerIsAnswere
     reader.reset();
     streamer.close();
     expect_footprint_kept();
-    figure("stuck listener: resident before", before.resident_kib, "KiB");
-    figure("stuck listener: resident after", footprint_of(daemon->pid()).resident_kib, "KiB");
+    resident_figures("stuck listener");
 }
 
 TEST_P(PeerLimitsLoad, SilentPeersAreClosedAndAWaitingPeerGetsAPlace)

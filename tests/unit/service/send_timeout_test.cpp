@@ -47,6 +47,21 @@ protected:
         handle_server_socket();
         return testing::internal::GetCapturedStderr();
     }
+    /// notify_clients() for the message; what it printed.
+    std::string notify_all()
+    {
+        testing::internal::CaptureStderr();
+        notify_clients(message);
+        return testing::internal::GetCapturedStderr();
+    }
+    /// Lets `client` read everything at the daemon's first wait for it.
+    static void drain_at_first_wait(LocalClient& client)
+    {
+        library_calls.before_wait = [&client](int wait) {
+            if (wait == 1)
+                drain(client);
+        };
+    }
     static size_t sends_to(unsigned long index)
     {
         size_t count = 0;
@@ -91,9 +106,7 @@ TEST_F(SendTimeout, DroppedListenerLosesItsRecordButItsItemStays)
     LocalClient stuck;
     ASSERT_TRUE(stuck.ask({"register", {{"target", "news-open"}, {"triggers", "*"}}}));
     fill_peer(stuck.index());
-    testing::internal::CaptureStderr();
-    notify_clients(message);
-    testing::internal::GetCapturedStderr();
+    notify_all();
     EXPECT_EQ(serve_once(), "* disconnected client\n");
     EXPECT_EQ(server_socket_clients.count(stuck.index()), 0u);
     EXPECT_EQ(media_persistence.count("news-open"), 1u);
@@ -122,13 +135,8 @@ TEST_F(SendTimeout, ClientThatTakesItsPacketInTimeIsKept)
     LocalClient slow;
     listen_to_all(slow);
     fill_peer(slow.index());
-    library_calls.before_wait = [&](int wait) {
-        if (wait == 1)
-            drain(slow);
-    };
-    testing::internal::CaptureStderr();
-    notify_clients(message);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    drain_at_first_wait(slow);
+    EXPECT_EQ(notify_all(), "");
     library_calls.before_wait = nullptr;
     EXPECT_FALSE(client_dropped(server_socket->clients.at(slow.index())));
     EXPECT_EQ(serve_once(), "");
@@ -142,9 +150,7 @@ TEST_F(SendTimeout, WaitsOfOnePassAddUpToTheTimeout)
     fill_peer(stuck.index());
     charge_send_wait(server_socket->clients.at(stuck.index()), 250000);
     reset_library_calls();
-    testing::internal::CaptureStderr();
-    notify_clients(message);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), dropped_line(stuck));
+    EXPECT_EQ(notify_all(), dropped_line(stuck));
     ASSERT_FALSE(library_calls.wait_lead_us.empty());
     for (int64_t lead : library_calls.wait_lead_us)
         EXPECT_LE(lead, 50000);
@@ -158,13 +164,8 @@ TEST_F(SendTimeout, ANewPassGivesTheWholeTimeoutAgain)
     charge_send_wait(server_socket->clients.at(slow.index()), 300000);
     open_send_budgets();
     reset_library_calls();
-    library_calls.before_wait = [&](int wait) {
-        if (wait == 1)
-            drain(slow);
-    };
-    testing::internal::CaptureStderr();
-    notify_clients(message);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+    drain_at_first_wait(slow);
+    EXPECT_EQ(notify_all(), "");
     ASSERT_FALSE(library_calls.wait_lead_us.empty());
     EXPECT_GT(library_calls.wait_lead_us[0], 250000);
 }

@@ -215,6 +215,20 @@ protected:
         });
         return testing::internal::GetCapturedStderr();
     }
+    /// Sends a trigger from `peer` and steps until its answer came.
+    static std::string answer_to_trigger(int peer)
+    {
+        send_text(peer, "TRIGGER\n\n");
+        std::string reply;
+        testing::internal::CaptureStderr();
+        wait_until([&] {
+            service_all_tcp_clients();
+            reply += receive_available(peer);
+            return reply.size() >= 4;
+        });
+        testing::internal::GetCapturedStderr();
+        return reply;
+    }
     static std::string step()
     {
         testing::internal::CaptureStderr();
@@ -243,16 +257,7 @@ TEST_F(ListenerLimits, FourLongLinePeersLeaveAndAFifthIsAnswered)
     printed = testing::internal::GetCapturedStderr();
     EXPECT_EQ(count_of(printed, "protocol violation, text line too long\n"), 4);
     EXPECT_EQ(count_of(printed, "Dropping TCP client fd"), 4);
-    send_text(fifth, "TRIGGER\n\n");
-    testing::internal::CaptureStderr();
-    std::string reply;
-    wait_until([&] {
-        service_all_tcp_clients();
-        reply += receive_available(fifth);
-        return reply.size() >= 4;
-    });
-    testing::internal::GetCapturedStderr();
-    EXPECT_EQ(reply, "OK\n\n");
+    EXPECT_EQ(answer_to_trigger(fifth), "OK\n\n");
 }
 
 TEST_F(ListenerLimits, SilentPeerIsClosedAndItsPlaceGoesToAWaitingPeer)
@@ -269,16 +274,7 @@ TEST_F(ListenerLimits, SilentPeerIsClosedAndItsPlaceGoesToAWaitingPeer)
     EXPECT_EQ(printed.substr(0, printed.find("Accepted")),
               fd_line("TCP client fd %d idle for 1 s, closing\n", silent_fd) +
                   fd_line("Dropping TCP client fd %d\n", silent_fd));
-    send_text(waiting, "TRIGGER\n\n");
-    std::string reply;
-    testing::internal::CaptureStderr();
-    wait_until([&] {
-        service_all_tcp_clients();
-        reply += receive_available(waiting);
-        return reply.size() >= 4;
-    });
-    testing::internal::GetCapturedStderr();
-    EXPECT_EQ(reply, "OK\n\n");
+    EXPECT_EQ(answer_to_trigger(waiting), "OK\n\n");
 }
 
 TEST_F(ListenerLimits, PeerThatSentWithinItsIdleTimeStays)
