@@ -138,6 +138,14 @@ comm_socket_v4_client* comm_socket_v4_get_disconnected_client(comm_socket_v4* so
     return peer;
 }
 
+void comm_socket_v4_disconnect_client(comm_socket_v4_client* client)
+{
+    if (client == nullptr || client->fd < 0)
+        return;
+    drop_requests(*client->server->state->server, client);
+    peer_disconnect(client);
+}
+
 void comm_socket_v4_free_client(comm_socket_v4_client* client)
 {
     if (client == nullptr)

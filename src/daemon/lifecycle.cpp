@@ -12,6 +12,7 @@
 #include "daemon/signals.h"
 #include "rendermgr/channels.h"
 #include "service/command_server.h"
+#include "service/send_budget.h"
 #include "trigger/trigger_listener.h"
 
 #include <csignal>
@@ -101,6 +102,7 @@ int start_up(int argc, char** argv)
 void main_loop_pass(uint64_t& next_refresh)
 {
     bool waking = daemon_settings.wake_on_input;
+    open_send_budgets();
     uint64_t now = monotonic_clock_us();
     if (now >= next_refresh) {
         uint64_t after_now = now + channel_refresh_interval_us;
@@ -134,6 +136,7 @@ void main_loop_pass(uint64_t& next_refresh)
 void stop()
 {
     server_socket = comm_socket_v4_destroy(server_socket);
+    forget_all_send_budgets();
     if (tcp_trigger_fd >= 0) {
         close(tcp_trigger_fd);
         tcp_trigger_fd = -1;

@@ -6,6 +6,7 @@
 #include "daemon/process_state.h"
 #include "q9mi.h"
 #include "service/patient_send.h"
+#include "service/send_budget.h"
 #include "service/status_command.h"
 
 #include <cassert>
@@ -54,6 +55,7 @@ bool drop_disconnected_clients()
         if (index != no_client_index)
             server_socket_clients.erase(index);
         fputs("* disconnected client\n", stderr);
+        forget_send_budget(client);
         comm_socket_v4_free_client(client);
         dropped = true;
     }

@@ -1,11 +1,15 @@
 #include "trigger/tcp_trigger_client.h"
 
+#include "appliance_util.h"
+#include "config/daemon_settings.h"
 #include "daemon/daemon_counters.h"
 
 #include <cassert>
 #include <cerrno>
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <limits>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -15,6 +19,7 @@ constexpr size_t read_budget = 256;    // bytes one idle() call may read
 constexpr size_t longest_line = 1023;  // characters a line may hold
 constexpr int reply_tries = 10;
 constexpr useconds_t reply_pause_us = 10000;
+constexpr uint64_t us_per_s = 1000000;
 
 int close_connection(TCPTriggerClient& client)
 {
@@ -29,6 +34,7 @@ void reset_message(TCPTriggerClient& client)
     client.nv_pairs.clear();
     client.line_pos = 0;
     client.line_count = 0;
+    client.message_bytes = 0;
 }
 
 void complete_message(TCPTriggerClient& client, int one_line)
@@ -88,6 +94,33 @@ bool take_byte(TCPTriggerClient& client, unsigned char byte)
         return false;
     client.line[client.line_pos++] = static_cast<char>(byte);
     return true;
+}
+
+// A message runs from the first character of its first line to the LF that
+// ends it; blanks, control bytes and empty lines between messages are no
+// part of one.  Counts the byte if it is part of one; false once the message
+// holds more than max_message_bytes.
+bool message_within_limit(TCPTriggerClient& client, unsigned char byte)
+{
+    bool starts_message = byte >= 0x21 && byte <= 0x7e;
+    if (client.line_pos == 0 && client.line_count == 0 && !starts_message)
+        return true;
+    ++client.message_bytes;
+    uint64_t limit = daemon_settings.max_message_bytes;
+    return limit == 0 || client.message_bytes <= limit;
+}
+
+int refuse_long_message(TCPTriggerClient& client)
+{
+    fprintf(stderr, "TCP client fd %d message longer than %" PRIu64 " bytes, closing\n", client.sock_fd,
+            daemon_settings.max_message_bytes);
+    return close_connection(client);
+}
+
+int refuse_long_line(TCPTriggerClient& client)
+{
+    fprintf(stderr, "TCP client fd %d protocol violation, text line too long\n", client.sock_fd);
+    return close_connection(client);
 }
 
 // Takes the `count` bytes just processed out of the socket, where they
@@ -151,11 +184,31 @@ void TCPTriggerClient::take_fd(int fd)
 {
     assert(sock_fd < 0);
     sock_fd = fd;
+    last_input_us = monotonic_clock_us();
 }
 
 bool TCPTriggerClient::stalled() const
 {
     return line_pos > longest_line;
+}
+
+bool TCPTriggerClient::close_if_silent(uint64_t now)
+{
+    if (sock_fd < 0 || now < silence_deadline())
+        return false;
+    fprintf(stderr, "TCP client fd %d idle for %" PRIu64 " s, closing\n", sock_fd,
+            daemon_settings.tcp_idle_timeout_s);
+    close_connection(*this);
+    return true;
+}
+
+uint64_t TCPTriggerClient::silence_deadline() const
+{
+    constexpr uint64_t never = std::numeric_limits<uint64_t>::max();
+    uint64_t timeout_s = daemon_settings.tcp_idle_timeout_s;
+    if (timeout_s == 0 || timeout_s > (never - last_input_us) / us_per_s)
+        return never;
+    return last_input_us + timeout_s * us_per_s;
 }
 
 int TCPTriggerClient::idle()
@@ -164,10 +217,12 @@ int TCPTriggerClient::idle()
         return -1;
     // A line that reached 1024 characters is never read again: the
     // connection stays open and unanswered, keeping its place in
-    // tcp_clients until shutdown.  That is why the too-long branch of
-    // take_byte() is not reached; it stays as the guard of the buffer.
+    // tcp_clients until shutdown, unless close_long_lines closes it (also
+    // when the setting came after the line).  That is why the too-long
+    // branch of take_byte() is not reached; it stays as the guard of the
+    // buffer.
     if (stalled())
-        return 0;
+        return daemon_settings.close_long_lines ? refuse_long_line(*this) : 0;
     size_t limit = read_limit < read_budget ? read_limit : read_budget;
     size_t count = 0;
     while (count < limit) {
@@ -179,20 +234,24 @@ int TCPTriggerClient::idle()
         ssize_t received = recv(sock_fd, bytes, limit - count, MSG_DONTWAIT | MSG_PEEK);
         if (received <= 0)
             return end_of_input(*this, received);
+        last_input_us = monotonic_clock_us();
         for (ssize_t i = 0; i < received;) {
             unsigned char byte = bytes[i++];
             ++count;
             ++bytes_read;
+            if (!message_within_limit(*this, byte))
+                return refuse_long_message(*this);
             if (byte == '\n') {
                 assert(line_pos < sizeof(line));
                 line[line_pos] = '\0';
                 finish_line(*this);
             } else if (!take_byte(*this, byte)) {
-                fprintf(stderr, "TCP client fd %d protocol violation, text line too long\n", sock_fd);
-                return close_connection(*this);
+                return refuse_long_line(*this);
             }
             if (sock_fd < 0)
                 return -1;
+            if (stalled() && daemon_settings.close_long_lines)
+                return refuse_long_line(*this);
             if (count == limit || stalled())
                 return take_processed(*this, bytes, i);
         }

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <map>
 #include <string>
 
@@ -18,6 +19,8 @@ public:
     size_t window_bytes = 0;   ///< bytes read in the waking loop's current window
     size_t read_limit = 256;   ///< most bytes the next idle() reads; lower only while
                                ///< the waking loop's window has less left
+    size_t message_bytes = 0;  ///< bytes of the current message so far, from its first character
+    uint64_t last_input_us = 0;  ///< monotonic time of adoption or of the last bytes read
 
     TCPTriggerClient();
     /// Closes the socket if it is open; no reply is sent.
@@ -29,11 +32,22 @@ public:
     void take_fd(int fd);
     /// Reads up to 256 bytes (`read_limit`), handling and acknowledging every
     /// message they complete.  0 while the connection is open, -1 once it is
-    /// closed.
+    /// closed.  With close_long_lines a line of 1024 characters, and with
+    /// max_message_bytes a message that grows beyond that many bytes, closes
+    /// the connection with a line naming it, unhandled and unanswered.
     int idle();
     /// True once a line reached 1024 characters: the connection is never
-    /// read again and keeps its place until the daemon stops.
+    /// read again and keeps its place until the daemon stops.  With
+    /// close_long_lines set such a line closes the connection instead, so
+    /// a connection is stalled only while the setting is off.
     bool stalled() const;
+    /// Closes the connection, with a line naming it, when it has given the
+    /// daemon nothing to read for tcp_idle_timeout_s seconds up to `now`
+    /// (monotonic microseconds).  True when it closed it.
+    bool close_if_silent(uint64_t now);
+    /// When close_if_silent() will close the connection if nothing comes:
+    /// monotonic microseconds; the largest value while no timeout is set.
+    uint64_t silence_deadline() const;
     /// Sends "OK\n" (one_line 1) or "OK\n\n"; closes the connection when
     /// the reply cannot be sent whole.
     void send_reply(int one_line);

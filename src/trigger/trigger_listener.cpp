@@ -1,6 +1,7 @@
 #include "trigger/trigger_listener.h"
 
 #include "appliance_util.h"
+#include "config/daemon_settings.h"
 #include "trigger/tcp_peer_records.h"
 
 #include <algorithm>
@@ -78,6 +79,19 @@ bool within_windows = false;
 /// or accepted.
 int step_work = 0;
 
+// Judged after the reads, so that bytes that came during the pass's wait
+// count as input.  The number of connections closed.
+int close_silent_clients()
+{
+    if (daemon_settings.tcp_idle_timeout_s == 0)
+        return 0;
+    uint64_t now = monotonic_clock_us();
+    int closed = 0;
+    for (auto& entry : tcp_clients)
+        closed += entry.second.close_if_silent(now) ? 1 : 0;
+    return closed;
+}
+
 // Reads what is left of the connection's window budget; true when that read
 // anything or ended the connection.
 bool read_within_window(TCPTriggerClient& client)
@@ -136,6 +150,7 @@ void service_all_tcp_clients()
         else
             entry.second.idle();
     }
+    step_work += close_silent_clients();
     // Sweeping before accepting refills a place freed in this very step.
     step_work += sweep_closed_clients();
     // Accepted sockets stay blocking: every receive and send on them asks
@@ -180,16 +195,22 @@ void open_tcp_window()
 }
 
 // A stalled line and a spent budget are not waited on: their bytes would
-// wake the loop without being read.
+// wake the loop without being read.  A stalled line exists only while
+// close_long_lines is off; with it, the line closes its connection in the
+// read that completes it.  Every open connection, waited on or not, wakes
+// the loop when its idle time is up.
 void tcp_wait_descriptors(std::vector<pollfd>& fds, uint64_t& wake_at, bool& budget_spent)
 {
     if (tcp_trigger_fd >= 0 && tcp_clients.size() < most_clients)
         fds.push_back(pollfd{tcp_trigger_fd, POLLIN, 0});
     for (const auto& entry : tcp_clients) {
         const TCPTriggerClient& client = entry.second;
-        if (client.sock_fd < 0)
+        if (client.sock_fd < 0) {
             wake_at = 0;
-        else if (client.window_bytes >= tcp_window_budget)
+            continue;
+        }
+        wake_at = std::min(wake_at, client.silence_deadline());
+        if (client.window_bytes >= tcp_window_budget)
             budget_spent = true;
         else if (!client.stalled())
             fds.push_back(pollfd{client.sock_fd, POLLIN, 0});

@@ -21,8 +21,9 @@ extern std::map<int, TCPTriggerClient> tcp_clients;
 int tcp_trigger_open();
 /// Closes the listener if it is open.
 void tcp_trigger_close();
-/// One step for all connections: read each, sweep closed ones, accept new
-/// ones while fewer than four are open.
+/// One step for all connections: read each, close those idle for
+/// tcp_idle_timeout_s, sweep closed ones, accept new ones while fewer than
+/// four are open.
 void service_all_tcp_clients();
 /// Closes and forgets every connection, without replies or messages.
 void drop_all_tcp_clients();
@@ -39,6 +40,7 @@ bool service_tcp_clients_in_window();
 void open_tcp_window();
 /// Adds to `fds` what the TCP side waits for: the listener while a place is
 /// free, every connection that is still read and has budget left.  Lowers
-/// `wake_at` to 0 when a closed connection waits for its sweep, and sets
+/// `wake_at` to 0 when a closed connection waits for its sweep and to the
+/// end of an open connection's idle time (tcp_idle_timeout_s), and sets
 /// `budget_spent` when a connection waits for the next window.
 void tcp_wait_descriptors(std::vector<pollfd>& fds, uint64_t& wake_at, bool& budget_spent);

@@ -1,79 +1,15 @@
-// Bytes from a TCP peer, fed to one trigger connection through a socket pair
-// in pieces of the fuzzer's choosing; after every read call the record must
-// still hold its invariants, whatever the peer sent.
-#include "trigger/tcp_trigger_client.h"
-
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <cstdint>
-#include <cstdio>
-#include <cstdlib>
+// Bytes from a TCP peer through one trigger connection of the classic
+// daemon (trigger_line_feed.h).
+#include "trigger_line_feed.h"
 
 namespace {
 
-void check(bool condition, const char* what)
-{
-    if (!condition) {
-        fprintf(stderr, "broken invariant: %s\n", what);
-        abort();
-    }
-}
-
-void check_invariants(const TCPTriggerClient& client)
-{
-    check(client.line_pos <= 1024, "line_pos <= 1024");
-    check(client.command.empty() == (client.line_count == 0), "command set exactly while lines counted");
-    check(client.line_count > 0 || client.nv_pairs.empty(), "no pairs before a command");
-    check(client.line_count >= 0, "line_count >= 0");
-}
-
-// One read call, then the peer takes every reply at once, so that no reply
-// waits for room (each wait would cost ten tries of 10 ms).
-void read_once(TCPTriggerClient& client, int peer)
-{
-    client.idle();
-    check_invariants(client);
-    char replies[4096];
-    while (recv(peer, replies, sizeof(replies), MSG_DONTWAIT) > 0) {
-    }
-}
-
-void feed(const uint8_t* data, size_t size)
-{
-    int pair[2];
-    if (socketpair(AF_UNIX, SOCK_STREAM, 0, pair) != 0)
-        return;
-    TCPTriggerClient client;
-    client.take_fd(pair[0]);
-    // The first byte chooses the size of the pieces the peer writes in.
-    size_t piece = size > 0 ? 1 + data[0] % 64 : 1;
-    for (size_t at = size > 0 ? 1 : 0; at < size && client.sock_fd >= 0; at += piece) {
-        size_t length = at + piece <= size ? piece : size - at;
-        if (write(pair[1], data + at, length) != static_cast<ssize_t>(length))
-            break;
-        for (int call = 0; call < 4 && client.sock_fd >= 0; ++call)
-            read_once(client, pair[1]);
-    }
-    // After the peer's end of stream every byte left is read within this
-    // many calls (256 per call), unless a too-long line stalled the record.
-    shutdown(pair[1], SHUT_WR);
-    for (size_t call = 0; call <= size / 256 + 1 && client.sock_fd >= 0; ++call)
-        read_once(client, pair[1]);
-    close(pair[1]);
-}
+void nothing_more(const TCPTriggerClient&) {}
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
 {
-    // What the daemon writes about the connection is noise here, but the
-    // fuzzer's own report goes to stderr too: silence it only meanwhile.
-    static int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    static int saved_stderr = dup(2);
-    dup2(null, 2);
-    feed(data, size);
-    dup2(saved_stderr, 2);
+    trigger_line_feed::feed_silenced(data, size, nothing_more);
     return 0;
 }

@@ -97,6 +97,11 @@ int comm_socket_v4_packet_send_to_server(comm_socket_v4* sock, comm_socket_v4_pa
 comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* sock);
 /// The next peer that went away, or null.  Each is reported once.
 comm_socket_v4_client* comm_socket_v4_get_disconnected_client(comm_socket_v4* sock);
+/// Ends the connection of a live peer from the server's side: its queued
+/// requests are released and it is reported once by
+/// comm_socket_v4_get_disconnected_client(), like a peer that went away,
+/// for the caller to free.  A peer already gone, or null, is left alone.
+void comm_socket_v4_disconnect_client(comm_socket_v4_client* client);
 /// Frees a peer reported as disconnected, with its requests still queued;
 /// its index becomes free for the next peer.
 void comm_socket_v4_free_client(comm_socket_v4_client* client);
