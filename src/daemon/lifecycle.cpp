@@ -6,6 +6,7 @@
 #include "daemon/command_line.h"
 #include "daemon/instance_guard.h"
 #include "daemon/process_state.h"
+#include "daemon/service_manager.h"
 #include "daemon/signals.h"
 #include "rendermgr/channels.h"
 #include "service/command_server.h"
@@ -88,6 +89,7 @@ int start_up(int argc, char** argv)
     monotonic_clock_us();
     known_channels_update();
     connect_manage();
+    service_manager_ready();
     return -1;
 }
 
@@ -104,6 +106,7 @@ void main_loop_pass(uint64_t& next_refresh)
         known_channels_update();
         connect_manage();
     }
+    service_manager_pass(now);
     usleep(pass_sleep_us);
     reload_if_requested();
     connect_idle();
@@ -117,6 +120,7 @@ void main_loop_pass(uint64_t& next_refresh)
 // then the TCP side, then the channels.
 void stop()
 {
+    service_manager_stopping();
     server_socket = comm_socket_v4_destroy(server_socket);
     if (tcp_trigger_fd >= 0) {
         close(tcp_trigger_fd);
@@ -145,9 +149,12 @@ void reload_if_requested()
     reload_config = 0;
     sigprocmask(SIG_UNBLOCK, &hangup, nullptr);
 
+    service_manager_reloading();
     configuration.clear();
-    if (!load_configuration())
+    bool loaded = load_configuration();
+    if (!loaded)
         fputs("Warning: Configuration load failure\n", stderr);
+    service_manager_reloaded(loaded);
 }
 
 int run_daemon(int argc, char** argv)
