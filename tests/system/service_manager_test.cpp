@@ -4,6 +4,7 @@
 // (fail a start, show a status, restart on a silent watchdog) needs a
 // running systemd and is left to the unit's own checks.
 #include "harness.h"
+#include "tool_process.h"
 
 #include <gtest/gtest.h>
 
@@ -237,6 +238,26 @@ TEST_F(UnderServiceManager, StatusFollowsTheConnectionCounts)
     ASSERT_TRUE(trigger.send("ONE LINE TRIGGER\n"));
     EXPECT_EQ(trigger.receive(3), "OK\n");
     EXPECT_EQ(next(std::chrono::milliseconds(1000)), "");
+}
+
+TEST_F(UnderServiceManager, StatusCountsTheOpenChannels)
+{
+    q9tools::ToolProcess render_managers(Q9_SIM_BINARY, {"rendermgr", "1", "2"});
+    ASSERT_TRUE(wait_until([] {
+        return q9tools::path_exists(std::string(rendermgr_root) + "/channel2/.media.item.active.socket");
+    })) << render_managers.stderr_text();
+    daemon = std::make_unique<Daemon>();
+    const std::string counts = "; event sections 1; TCP connections 0; local clients 0, listening 0; channels open ";
+    // The connections open within a pass or two of the start, together or
+    // one after the other.
+    std::string message = next();
+    EXPECT_EQ(message, "READY=1\nSTATUS=Running" + counts + "0 of 2");
+    while (message.find("channels open 2 of 2") == std::string::npos) {
+        message = next();
+        ASSERT_TRUE(message == "STATUS=Running" + counts + "1 of 2" ||
+                    message == "STATUS=Running" + counts + "2 of 2")
+            << message;
+    }
 }
 
 TEST_F(UnderServiceManager, NoWatchdogIsKickedUnlessAsked)
