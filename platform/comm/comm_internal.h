@@ -145,3 +145,6 @@ bool accept_peers(comm_socket_v4* sock);
 void peer_read(comm_socket_v4_client* peer);
 /// Closes the peer's connection and reports it as disconnected, once.
 void peer_disconnect(comm_socket_v4_client* peer);
+/// What a poll of the live peer waits for: input, and room for output
+/// while some is kept for it.
+short peer_poll_events(const comm_socket_v4_client* peer);

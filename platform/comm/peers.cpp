@@ -115,6 +115,11 @@ void peer_disconnect(comm_socket_v4_client* peer)
     peer->server->state->server->disconnected.push_back(peer);
 }
 
+short peer_poll_events(const comm_socket_v4_client* peer)
+{
+    return peer->output.empty() ? POLLIN : POLLIN | POLLOUT;
+}
+
 comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* sock)
 {
     if (sock == nullptr || !sock->state->server || sock->state->server->accepted.empty())

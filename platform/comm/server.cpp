@@ -68,8 +68,7 @@ void fill_poll_set(comm_socket_v4* sock, ServerState& server)
     for (comm_socket_v4_client* peer : sock->clients) {
         if (peer == nullptr || peer->fd < 0)
             continue;
-        short events = peer->output.empty() ? POLLIN : POLLIN | POLLOUT;
-        server.poll_set.push_back({peer->fd, events, 0});
+        server.poll_set.push_back({peer->fd, peer_poll_events(peer), 0});
         server.polled.push_back(peer);
     }
 }

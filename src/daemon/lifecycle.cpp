@@ -3,7 +3,9 @@
 #include "appliance_util.h"
 #include "comm_socket_v4.h"
 #include "config/configuration.h"
+#include "config/daemon_settings.h"
 #include "daemon/command_line.h"
+#include "daemon/input_wait.h"
 #include "daemon/instance_guard.h"
 #include "daemon/process_state.h"
 #include "daemon/service_manager.h"
@@ -12,6 +14,7 @@
 #include "service/command_server.h"
 #include "trigger/trigger_listener.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <sys/stat.h>
@@ -95,9 +98,11 @@ int start_up(int argc, char** argv)
 
 // One pass of the main loop.  The channel refresh runs on the first pass
 // too, right after the one at start-up: the second finds every endpoint in
-// place and attempts nothing twice.
+// place and attempts nothing twice.  The mode is taken once per pass, so a
+// reload inside the pass changes it from the next one on.
 void main_loop_pass(uint64_t& next_refresh)
 {
+    bool waking = daemon_settings.wake_on_input;
     uint64_t now = monotonic_clock_us();
     if (now >= next_refresh) {
         uint64_t after_now = now + channel_refresh_interval_us;
@@ -107,9 +112,18 @@ void main_loop_pass(uint64_t& next_refresh)
         connect_manage();
     }
     service_manager_pass(now);
-    usleep(pass_sleep_us);
+    // A waiting loop wakes for the watchdog's keep-alive as well.
+    if (waking)
+        wait_for_input(std::min(next_refresh, service_manager_watchdog_due_us()));
+    else
+        usleep(pass_sleep_us);
     reload_if_requested();
     connect_idle();
+    if (waking) {
+        serve_command_server_in_window();
+        serve_tcp_clients_in_window();
+        return;
+    }
     for (int i = 0; i < calls_per_pass; ++i)
         handle_server_socket();
     for (int i = 0; i < calls_per_pass; ++i)

@@ -115,6 +115,12 @@ void connect_idle()
     }
 }
 
+void connect_wait_descriptors(std::vector<pollfd>& fds, uint64_t& wake_at)
+{
+    for (const auto& entry : rendermgr_conn)
+        entry.second->wait_descriptors(fds, wake_at);
+}
+
 RenderManagerConnection* rendermgr_get_channel(int channel)
 {
     if (channel < 1)

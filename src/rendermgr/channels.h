@@ -27,6 +27,9 @@ void known_channels_update();
 void connect_manage();
 /// Polls every record once, in ascending channel order.
 void connect_idle();
+/// Adds what every channel connection waits for to `fds` and lowers
+/// `wake_at` to when one needs connect_idle() without input.
+void connect_wait_descriptors(std::vector<pollfd>& fds, uint64_t& wake_at);
 /// The record of `channel`, or null (no lookup creates one).
 RenderManagerConnection* rendermgr_get_channel(int channel);
 /// The record of `channel`, created when there is none; null on allocation failure.

@@ -1,6 +1,7 @@
 #include "rendermgr/render_manager_connection.h"
 
 #include "metadata_v4.h"
+#include "rendermgr/endpoint_waiting.h"
 
 #include <cassert>
 #include <cstdio>
@@ -75,4 +76,14 @@ void RenderManagerConnection::idle()
         comm_socket_v4_packet_release(packet);
         comm_socket_v4_idle(sock);
     }
+}
+
+void RenderManagerConnection::wait_descriptors(std::vector<pollfd>& fds, uint64_t& wake_at) const
+{
+    if (sock == nullptr)
+        return;
+    if (sock->fd < 0 || (!still_connecting(sock) && !open))
+        wake_at = 0;
+    else
+        append_endpoint_descriptors(sock, fds, wake_at);
 }

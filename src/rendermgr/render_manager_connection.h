@@ -3,7 +3,11 @@
 
 #include "comm_socket_v4.h"
 
+#include <cstdint>
 #include <string>
+#include <vector>
+
+struct pollfd;
 
 class RenderManagerConnection {
 public:
@@ -22,4 +26,8 @@ public:
     /// Polls the connection once: notices it opening and closing, ends a
     /// dead endpoint, and discards whatever the render manager sent.
     void idle();
+    /// Adds what the connection waits for to `fds`; lowers `wake_at` to 0
+    /// when idle() has work now (an endpoint to end, a connection to report
+    /// open), or to when the library needs its idle call.
+    void wait_descriptors(std::vector<pollfd>& fds, uint64_t& wake_at) const;
 };

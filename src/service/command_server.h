@@ -27,6 +27,9 @@ extern std::map<std::string, MediaItemPersistence> media_persistence;
 /// disconnections, every queued request.  -1 when there is no usable
 /// endpoint or its idle step fails, else 0.
 int handle_server_socket();
+/// True when the last handle_server_socket() accepted a client, dropped
+/// one or served a request.
+bool server_round_found_work();
 /// Starts every persistent media item, in name order.
 void start_persistent_media();
 /// Starts the one media item `name`; `item` is not used.

@@ -9,7 +9,7 @@
 
 namespace {
 
-constexpr int read_budget = 256;       // bytes one idle() call may read
+constexpr size_t read_budget = 256;    // bytes one idle() call may read
 constexpr size_t longest_line = 1023;  // characters a line may hold
 constexpr int reply_tries = 10;
 constexpr useconds_t reply_pause_us = 10000;
@@ -151,6 +151,11 @@ void TCPTriggerClient::take_fd(int fd)
     sock_fd = fd;
 }
 
+bool TCPTriggerClient::stalled() const
+{
+    return line_pos > longest_line;
+}
+
 int TCPTriggerClient::idle()
 {
     if (sock_fd < 0)
@@ -159,21 +164,23 @@ int TCPTriggerClient::idle()
     // connection stays open and unanswered, keeping its place in
     // tcp_clients until shutdown.  That is why the too-long branch of
     // take_byte() is not reached; it stays as the guard of the buffer.
-    if (line_pos > longest_line)
+    if (stalled())
         return 0;
-    int count = 0;
-    for (;;) {
+    size_t limit = read_limit < read_budget ? read_limit : read_budget;
+    size_t count = 0;
+    while (count < limit) {
         // The bytes are looked at where they arrived and then taken, exactly
         // as many as were processed: reading stops at the byte that ends the
         // budget or the line, and the rest stays in the kernel, as it would
         // with one receive per byte, at a fraction of the system calls.
         unsigned char bytes[read_budget];
-        ssize_t received = recv(sock_fd, bytes, read_budget - count, MSG_DONTWAIT | MSG_PEEK);
+        ssize_t received = recv(sock_fd, bytes, limit - count, MSG_DONTWAIT | MSG_PEEK);
         if (received <= 0)
             return end_of_input(*this, received);
         for (ssize_t i = 0; i < received;) {
             unsigned char byte = bytes[i++];
             ++count;
+            ++bytes_read;
             if (byte == '\n') {
                 assert(line_pos < sizeof(line));
                 line[line_pos] = '\0';
@@ -184,11 +191,12 @@ int TCPTriggerClient::idle()
             }
             if (sock_fd < 0)
                 return -1;
-            if (count == read_budget || line_pos > longest_line)
+            if (count == limit || stalled())
                 return take_processed(*this, bytes, i);
         }
         take_processed(*this, bytes, received);
     }
+    return 0;
 }
 
 void TCPTriggerClient::send_reply(int one_line)

@@ -2,6 +2,7 @@
 
 #include "appliance_util.h"
 
+#include <algorithm>
 #include <cassert>
 #include <cerrno>
 #include <cstdio>
@@ -54,16 +55,42 @@ int accept_pending()
 }
 
 // The key printed is the one fixed at accept time: a closed client's own
-// sock_fd is -1 by now.
-void sweep_closed_clients()
+// sock_fd is -1 by now.  The number of connections swept.
+int sweep_closed_clients()
 {
+    int swept = 0;
     for (auto it = tcp_clients.begin(); it != tcp_clients.end();) {
         auto current = it++;
         if (current->second.sock_fd < 0) {
             fprintf(stderr, "Dropping TCP client fd %d\n", current->first);
             tcp_clients.erase(current);
+            ++swept;
         }
     }
+    return swept;
+}
+
+/// Set while the waking loop's step runs: each connection then reads only
+/// what is left of its window's budget.
+bool within_windows = false;
+/// What the running step found to do: bytes read, connections closed, swept
+/// or accepted.
+int step_work = 0;
+
+// Reads what is left of the connection's window budget; true when that read
+// anything or ended the connection.
+bool read_within_window(TCPTriggerClient& client)
+{
+    if (client.sock_fd < 0 || client.window_bytes >= tcp_window_budget)
+        return false;
+    size_t before = client.bytes_read;
+    size_t classic_limit = client.read_limit;
+    client.read_limit = std::min(classic_limit, tcp_window_budget - client.window_bytes);
+    client.idle();
+    client.read_limit = classic_limit;
+    size_t read = client.bytes_read - before;
+    client.window_bytes += read;
+    return read > 0 || client.sock_fd < 0;
 }
 
 }  // namespace
@@ -102,10 +129,14 @@ void service_all_tcp_clients()
 {
     // idle()'s result is not needed: a closed client has set its sock_fd to
     // -1, which is what the sweep looks at.
-    for (auto& entry : tcp_clients)
-        entry.second.idle();
+    for (auto& entry : tcp_clients) {
+        if (within_windows)
+            step_work += read_within_window(entry.second);
+        else
+            entry.second.idle();
+    }
     // Sweeping before accepting refills a place freed in this very step.
-    sweep_closed_clients();
+    step_work += sweep_closed_clients();
     // Accepted sockets stay blocking: every receive and send on them asks
     // for non-blocking by itself.  Further callers wait in the listen queue.
     while (tcp_clients.size() < most_clients) {
@@ -119,6 +150,7 @@ void service_all_tcp_clients()
         int immediately = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &immediately, sizeof(immediately));
         tcp_clients[fd].take_fd(fd);
+        ++step_work;
     }
 }
 
@@ -126,4 +158,36 @@ void drop_all_tcp_clients()
 {
     while (!tcp_clients.empty())
         tcp_clients.erase(tcp_clients.begin());
+}
+
+bool service_tcp_clients_in_window()
+{
+    within_windows = true;
+    step_work = 0;
+    service_all_tcp_clients();
+    within_windows = false;
+    return step_work > 0;
+}
+
+void open_tcp_window()
+{
+    for (auto& entry : tcp_clients)
+        entry.second.window_bytes = 0;
+}
+
+// A stalled line and a spent budget are not waited on: their bytes would
+// wake the loop without being read.
+void tcp_wait_descriptors(std::vector<pollfd>& fds, uint64_t& wake_at, bool& budget_spent)
+{
+    if (tcp_trigger_fd >= 0 && tcp_clients.size() < most_clients)
+        fds.push_back(pollfd{tcp_trigger_fd, POLLIN, 0});
+    for (const auto& entry : tcp_clients) {
+        const TCPTriggerClient& client = entry.second;
+        if (client.sock_fd < 0)
+            wake_at = 0;
+        else if (client.window_bytes >= tcp_window_budget)
+            budget_spent = true;
+        else if (!client.stalled())
+            fds.push_back(pollfd{client.sock_fd, POLLIN, 0});
+    }
 }

@@ -3,7 +3,12 @@
 
 #include "trigger/tcp_trigger_client.h"
 
+#include <cstddef>
+#include <cstdint>
 #include <map>
+#include <vector>
+
+struct pollfd;
 
 /// TCP port of the listener (low 16 bits used).
 extern int tcp_trigger_port;
@@ -21,3 +26,19 @@ void tcp_trigger_close();
 void service_all_tcp_clients();
 /// Closes and forgets every connection, without replies or messages.
 void drop_all_tcp_clients();
+
+/// Bytes a connection may read per window of the waking loop: what the ten
+/// steps of a classic pass read at most.
+constexpr size_t tcp_window_budget = 2560;
+/// One step of the waking loop: service_all_tcp_clients() with every
+/// connection reading only what is left of its window's budget.  True when
+/// the step found anything to do: bytes read, a connection closed, swept or
+/// accepted.
+bool service_tcp_clients_in_window();
+/// Gives every connection the whole budget of a new window.
+void open_tcp_window();
+/// Adds to `fds` what the TCP side waits for: the listener while a place is
+/// free, every connection that is still read and has budget left.  Lowers
+/// `wake_at` to 0 when a closed connection waits for its sweep, and sets
+/// `budget_spent` when a connection waits for the next window.
+void tcp_wait_descriptors(std::vector<pollfd>& fds, uint64_t& wake_at, bool& budget_spent);

@@ -78,9 +78,15 @@ void write_file(const std::string& path, const std::string& content)
     out << content;
 }
 
+// The waking run of the system tests puts its [daemon] table under every
+// configuration that has none of its own; under it, so that the lines of
+// the test's own text keep their numbers.
 void write_config(const std::string& content)
 {
-    write_file(config_path, content);
+    if (std::getenv("Q9_TEST_WAKE_ON_INPUT") == nullptr || content.find("[daemon]") != std::string::npos)
+        write_file(config_path, content);
+    else
+        write_file(config_path, content + "\n[daemon]\nwake_on_input = true\n");
 }
 
 std::string minimal_config()

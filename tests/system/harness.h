@@ -33,7 +33,9 @@ bool wait_until(Condition condition, std::chrono::milliseconds limit = default_w
 std::string read_file(const std::string& path);
 /// Writes `content` to `path`, replacing it.
 void write_file(const std::string& path, const std::string& content);
-/// Writes the daemon's configuration file.
+/// Writes the daemon's configuration file; when $Q9_TEST_WAKE_ON_INPUT is
+/// set and `content` has no [daemon] table, a table switching
+/// wake_on_input on follows `content`.
 void write_config(const std::string& content);
 /// A configuration with one valid section, enough for a normal start.
 std::string minimal_config();

@@ -7,6 +7,7 @@
 // comm_socket_v4_wait_for_server_to_client_writeable(), up to its deadline.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -137,3 +138,20 @@ void comm_socket_v4_packet_write_nv_pair(comm_socket_v4_packet* packet, const ch
                                          const char* value);
 /// Completes the frame into `data`; the packet may now be sent.
 void comm_socket_v4_packet_write_end(comm_socket_v4_packet* packet);
+
+// Waiting ------------------------------------------------------------------
+
+struct pollfd;
+
+/// What a caller that waits for the endpoint in poll() must watch.  Writes
+/// up to `capacity` entries to `fds`, one per descriptor the endpoint reads
+/// or writes (a server's listening socket and every live peer, or a client's
+/// connection): POLLIN, with POLLOUT while output is kept for it or while
+/// its connect is under way.  Returns how many entries the endpoint needs,
+/// which may be more than `capacity`.  Lowers `*wake_at` (microseconds of
+/// monotonic_clock_us()) to when the endpoint needs its idle call although
+/// no descriptor became ready: 0 while something is already queued for the
+/// caller (a peer accepted or gone, a packet received), or the time of a
+/// connect retry or of a connect's timeout.
+size_t comm_socket_v4_poll_descriptors(comm_socket_v4* sock, struct pollfd* fds, size_t capacity,
+                                       uint64_t* wake_at);
