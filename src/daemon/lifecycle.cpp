@@ -9,12 +9,14 @@
 #include "daemon/input_wait.h"
 #include "daemon/instance_guard.h"
 #include "daemon/process_state.h"
+#include "daemon/service_manager.h"
 #include "daemon/signals.h"
 #include "rendermgr/channels.h"
 #include "service/command_server.h"
 #include "service/send_budget.h"
 #include "trigger/trigger_listener.h"
 
+#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <sys/stat.h>
@@ -92,6 +94,7 @@ int start_up(int argc, char** argv)
     monotonic_clock_us();
     known_channels_update();
     connect_manage();
+    service_manager_ready();
     return -1;
 }
 
@@ -111,9 +114,11 @@ void main_loop_pass(uint64_t& next_refresh)
         known_channels_update();
         connect_manage();
     }
+    service_manager_pass(now);
     uint64_t sleep_start = monotonic_clock_us();
+    // A waiting loop wakes for the watchdog's keep-alive as well.
     if (waking)
-        wait_for_input(next_refresh);
+        wait_for_input(std::min(next_refresh, service_manager_watchdog_due_us()));
     else
         usleep(pass_sleep_us);
     uint64_t sleep_end = monotonic_clock_us();
@@ -135,6 +140,7 @@ void main_loop_pass(uint64_t& next_refresh)
 // then the TCP side, then the channels.
 void stop()
 {
+    service_manager_stopping();
     server_socket = comm_socket_v4_destroy(server_socket);
     forget_all_send_budgets();
     if (tcp_trigger_fd >= 0) {
@@ -164,9 +170,12 @@ void reload_if_requested()
     reload_config = 0;
     sigprocmask(SIG_UNBLOCK, &hangup, nullptr);
 
+    service_manager_reloading();
     configuration.clear();
-    if (!note_reload(load_configuration()))
+    bool loaded = note_reload(load_configuration());
+    if (!loaded)
         fputs("Warning: Configuration load failure\n", stderr);
+    service_manager_reloaded(loaded);
 }
 
 int run_daemon(int argc, char** argv)

@@ -1,0 +1,163 @@
+#!/bin/bash
+# tests/package/package_test.sh
+#
+# Builds both Debian packages with scripts/package and checks them:
+#   - lintian finds no error and no warning;
+#   - hardening-check passes on every program;
+#   - each package holds exactly its files, /etc/q9_korvane_xml_events_d.toml
+#     is a conffile and the unit names the packaged daemon;
+#   - install, upgrade, remove and purge run without error in a scratch
+#     root: the operator's edit of the conffile survives the upgrade and the
+#     removal, the purge takes it away, the unit is enabled on install and
+#     forgotten on purge.
+# The scratch root is an overlay of this machine's / in a private mount
+# namespace, written to a tmpfs: dpkg runs the maintainer scripts there
+# (chrooted) with this machine's tools and package database, and nothing
+# reaches the machine itself.  No service manager runs in it, as in an
+# image build, so what needs a running systemd (start, restart on upgrade,
+# stop) is not exercised here.
+# Needs root.  Exit status: 0 when every check passed, 1 otherwise.
+set -eu
+
+case ${1:-} in
+-h|--help)
+    sed -n '2,/^set -eu/p' "$0" | sed '$d' | sed 's/^# \{0,1\}//'
+    exit 0
+    ;;
+esac
+
+top=$(cd "$(dirname "$0")/../.." && pwd)
+if [ "$(id -u)" != 0 ]; then
+    echo "package test: needs root"
+    exit 1
+fi
+if [ "${Q9_PACKAGE_TEST_NAMESPACE:-}" != 1 ]; then
+    Q9_PACKAGE_TEST_NAMESPACE=1 exec unshare --mount -- "$0" "$@"
+fi
+mount --make-rprivate /
+export PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
+
+work=$(mktemp -d /tmp/q9-package-test.XXXXXX)
+mount -t tmpfs q9-package-test "$work"
+trap 'umount -R "$work"; rmdir "$work"' EXIT
+
+passes=0
+failures=0
+check() {
+    local what=$1
+    shift
+    if "$@"; then
+        echo "ok: $what"
+        passes=$((passes + 1))
+    else
+        echo "FAIL: $what"
+        failures=$((failures + 1))
+    fi
+}
+
+echo "== build"
+if ! "$top/scripts/package" "$work/out" >"$work/package.log" 2>&1; then
+    tail -n 60 "$work/package.log"
+    echo "FAIL: scripts/package"
+    exit 1
+fi
+daemon_deb=$(ls "$work"/out/q9-korvane-xml-events-d_*.deb)
+sim_deb=$(ls "$work"/out/q9-appliance-sim_*.deb)
+version=$(sed -n 's/^project(q9_korvane_xml_events_d VERSION \([0-9.]*\).*/\1/p' "$top/CMakeLists.txt")
+check "the packages carry the project's version $version" \
+    [ "$(dpkg-deb -f "$daemon_deb" Version) $(dpkg-deb -f "$sim_deb" Version)" = "$version $version" ]
+
+echo "== lintian"
+check "lintian: no error, no warning" lintian --fail-on error,warning "$daemon_deb" "$sim_deb"
+
+echo "== hardening-check"
+dpkg-deb -x "$daemon_deb" "$work/files"
+dpkg-deb -x "$sim_deb" "$work/files"
+# Control-flow marking is left out: the C library's start files of this
+# Debian release carry none, so no program linked on it can show it.
+check "hardening-check on every program" hardening-check --nocfprotection \
+    "$work/files/usr/sbin/q9_korvane_xml_events_d" "$work/files/usr/bin/q9_korvane_xml_events_ctl" \
+    "$work/files/usr/bin/q9_appliance_sim"
+
+echo "== contents"
+files_of() {
+    dpkg-deb -c "$1" | awk '$1 !~ /^d/ { print $6 }' | sort
+}
+check "the daemon's package holds the daemon, the client, the unit, the conffile" \
+    [ "$(files_of "$daemon_deb")" = "./etc/q9_korvane_xml_events_d.toml
+./lib/systemd/system/q9_korvane_xml_events_d.service
+./usr/bin/q9_korvane_xml_events_ctl
+./usr/sbin/q9_korvane_xml_events_d
+./usr/share/doc/q9-korvane-xml-events-d/changelog.gz
+./usr/share/doc/q9-korvane-xml-events-d/copyright
+./usr/share/man/man1/q9_korvane_xml_events_ctl.1.gz
+./usr/share/man/man8/q9_korvane_xml_events_d.8.gz" ]
+check "the simulator's package holds the simulator only" \
+    [ "$(files_of "$sim_deb")" = "./usr/bin/q9_appliance_sim
+./usr/share/doc/q9-appliance-sim/changelog.gz
+./usr/share/doc/q9-appliance-sim/copyright
+./usr/share/man/man1/q9_appliance_sim.1.gz" ]
+control_file() {
+    dpkg-deb --ctrl-tarfile "$1" | tar -xOf - "./$2"
+}
+check "the configuration is the one conffile" \
+    [ "$(control_file "$daemon_deb" conffiles)" = /etc/q9_korvane_xml_events_d.toml ]
+check "the conffile is the example configuration" \
+    cmp -s "$work/files/etc/q9_korvane_xml_events_d.toml" "$top/packaging/q9_korvane_xml_events_d.toml"
+check "the unit names the packaged daemon" \
+    grep -qx 'ExecStart=/usr/sbin/q9_korvane_xml_events_d' "$work/files/lib/systemd/system/q9_korvane_xml_events_d.service"
+check "the maintainer scripts go through deb-systemd-helper and restart on upgrade" \
+    grep -q '_dh_action=restart' <(control_file "$daemon_deb" postinst)
+check "the maintainer scripts never call systemctl to enable, start or stop" \
+    bash -c '! grep -E "systemctl +(enable|disable|start|stop|restart)" <(dpkg-deb --ctrl-tarfile "$0" | tar -xOf - ./postinst ./prerm ./postrm)' "$daemon_deb"
+
+echo "== install, upgrade, remove and purge in a scratch root"
+mkdir "$work/upper" "$work/overlay-work" "$work/root"
+mount -t overlay q9-package-root -o "lowerdir=/,upperdir=$work/upper,workdir=$work/overlay-work" "$work/root"
+root=$work/root
+mount -t tmpfs q9-package-run "$root/run"
+dpkg_in_root() {
+    dpkg --root="$root" "$@" </dev/null >>"$work/dpkg.log" 2>&1
+}
+status_of() {
+    dpkg-query --admindir="$root/var/lib/dpkg" -W -f '${db:Status-Abbrev}${Version}' "$1" 2>/dev/null
+}
+conffile=$root/etc/q9_korvane_xml_events_d.toml
+wants=$root/etc/systemd/system/multi-user.target.wants/q9_korvane_xml_events_d.service
+edit='# kept by the operator'
+
+check "install runs without error" dpkg_in_root -i "$daemon_deb" "$sim_deb"
+check "both packages are installed" \
+    [ "$(status_of q9-korvane-xml-events-d) $(status_of q9-appliance-sim)" = "ii $version ii $version" ]
+check "the daemon is in place" [ -x "$root/usr/sbin/q9_korvane_xml_events_d" ]
+check "the simulator is in place" [ -x "$root/usr/bin/q9_appliance_sim" ]
+check "the conffile is in place" cmp -s "$conffile" "$top/packaging/q9_korvane_xml_events_d.toml"
+check "the unit is enabled" [ "$(readlink "$wants")" = /lib/systemd/system/q9_korvane_xml_events_d.service ]
+
+echo "$edit" >>"$conffile"
+dpkg-deb -R "$daemon_deb" "$work/next"
+sed -i "s/^Version: .*/Version: $version+next/" "$work/next/DEBIAN/control"
+dpkg-deb -b --root-owner-group "$work/next" "$work/next.deb" >/dev/null
+check "upgrade runs without error or question" dpkg_in_root -i "$work/next.deb"
+check "the upgrade is installed" [ "$(status_of q9-korvane-xml-events-d)" = "ii $version+next" ]
+check "the operator's conffile is kept on upgrade" [ "$(tail -n 1 "$conffile")" = "$edit" ]
+check "the unit stays enabled on upgrade" [ -L "$wants" ]
+
+check "removal runs without error" dpkg_in_root -r q9-korvane-xml-events-d q9-appliance-sim
+check "the programs are gone" \
+    [ -z "$(ls "$root/usr/sbin/q9_korvane_xml_events_d" "$root/usr/bin/q9_appliance_sim" 2>/dev/null)" ]
+check "the operator's conffile is kept on removal" [ "$(tail -n 1 "$conffile")" = "$edit" ]
+
+check "purge runs without error" dpkg_in_root -P q9-korvane-xml-events-d q9-appliance-sim
+check "the conffile is gone after purge" [ ! -e "$conffile" ]
+check "the unit is forgotten after purge" \
+    [ -z "$(ls -d "$wants" "$root"/var/lib/systemd/deb-systemd-helper-enabled/*q9_korvane* 2>/dev/null)" ]
+check "nothing of either package is left in dpkg's records" \
+    [ -z "$(status_of q9-korvane-xml-events-d)$(status_of q9-appliance-sim)" ]
+
+if [ "$failures" -ne 0 ]; then
+    echo "== dpkg's output in the scratch root"
+    cat "$work/dpkg.log"
+fi
+echo "packages: $passes passed, $failures failed"
+[ "$failures" -eq 0 ]
