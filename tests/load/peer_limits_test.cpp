@@ -71,6 +71,16 @@ protected:
         RecordProperty(what, static_cast<int>(value));
     }
     /// The resident memory figures of the fault `what`.
+    /// Every peer of `closed` is closed by the daemon; once they and `other`
+    /// are gone, the daemon holds no more than before the fault.
+    void expect_closed_and_nothing_kept(std::vector<std::unique_ptr<TcpPeer>>& closed, TcpPeer& other)
+    {
+        for (auto& peer : closed)
+            EXPECT_TRUE(peer->wait_closed());
+        closed.clear();
+        other.close();
+        expect_footprint_kept();
+    }
     void resident_figures(const std::string& what)
     {
         figure((what + ": resident before").c_str(), before.resident_kib, "KiB");
@@ -102,12 +112,8 @@ TEST_P(PeerLimitsLoad, FourLongLinesAreClosedAndAFifthPeerIsAnswered)
     EXPECT_EQ(fifth.receive(4), "OK\n\n");
     figure("long lines: fault to fifth peer answered", elapsed_ms(fault), "ms");
     EXPECT_TRUE(daemon->wait_for_stderr("protocol violation, text line too long\n", 4));
-    for (auto& peer : long_lines)
-        EXPECT_TRUE(peer->wait_closed());
+    expect_closed_and_nothing_kept(long_lines, fifth);
     EXPECT_EQ(count_of(daemon->stderr_text(), "Message: command='TRIGGER'"), 2);
-    long_lines.clear();
-    fifth.close();
-    expect_footprint_kept();
     resident_figures("long lines");
 }
 
@@ -202,12 +208,8 @@ TEST_P(PeerLimitsLoad, SilentPeersAreClosedAndAWaitingPeerGetsAPlace)
     ASSERT_TRUE(waiting.send("TRIGGER\n\n"));
     EXPECT_EQ(waiting.receive(4), "OK\n\n");
     figure("silent peers: waiting peer answered after", elapsed_ms(fault), "ms");
-    for (auto& peer : silent)
-        EXPECT_TRUE(peer->wait_closed());
+    expect_closed_and_nothing_kept(silent, waiting);
     EXPECT_GE(count_of(daemon->stderr_text(), " idle for 1 s, closing\n"), 4);
-    silent.clear();
-    waiting.close();
-    expect_footprint_kept();
 }
 
 INSTANTIATE_TEST_SUITE_P(Loop, PeerLimitsLoad, testing::Bool(),

@@ -117,6 +117,17 @@ protected:
 
     TCPTriggerClient& record_of_newest() { return tcp_clients.rbegin()->second; }
 
+    /// A peer that sent far more than a window's budget, served `passes`
+    /// passes; its record.
+    TCPTriggerClient& flooding_peer(int passes)
+    {
+        int peer = accepted_peer();
+        TCPTriggerClient& record = record_of_newest();
+        send_all(peer, std::string(8000, '\n'));
+        serve_tcp_passes(passes);
+        return record;
+    }
+
     void serve_tcp_passes(int passes)
     {
         testing::internal::CaptureStderr();
@@ -125,16 +136,23 @@ protected:
         testing::internal::GetCapturedStderr();
     }
 
+    /// Waits with nothing else due for long: the wait must end with the
+    /// window, neither before it nor at the far refresh.
+    void expect_wait_to_end_with_the_window()
+    {
+        uint64_t start = monotonic_clock_us();
+        wait_for_input(start + far_away_us);
+        EXPECT_GE(monotonic_clock_us(), window_opened + input_window_us);
+        EXPECT_LT(monotonic_clock_us() - start, far_away_us / 2);
+    }
+
     std::vector<int> peers;
     uint64_t window_opened = 0;
 };
 
 TEST_F(WakingLoop, FloodGetsTheWindowBudgetAndNoMoreUntilTheNextWindow)
 {
-    int peer = accepted_peer();
-    TCPTriggerClient& record = record_of_newest();
-    send_all(peer, std::string(8000, '\n'));
-    serve_tcp_passes(5);
+    TCPTriggerClient& record = flooding_peer(5);
     EXPECT_EQ(tcp_window_budget, record.bytes_read);
     open_tcp_window();
     serve_tcp_passes(1);
@@ -265,15 +283,9 @@ TEST_F(WakingLoop, WaitWithNothingToDoLastsUntilTheNextRefresh)
 
 TEST_F(WakingLoop, SpentBudgetWakesAtTheWindowsEndAndNotBefore)
 {
-    int peer = accepted_peer();
-    TCPTriggerClient& record = record_of_newest();
-    send_all(peer, std::string(8000, '\n'));
-    serve_tcp_passes(3);
+    TCPTriggerClient& record = flooding_peer(3);
     ASSERT_EQ(tcp_window_budget, record.window_bytes);
-    uint64_t start = monotonic_clock_us();
-    wait_for_input(start + far_away_us);
-    EXPECT_GE(monotonic_clock_us(), window_opened + input_window_us);
-    EXPECT_LT(monotonic_clock_us() - start, far_away_us / 2);
+    expect_wait_to_end_with_the_window();
     DIEsig = 1;
     wait_for_input(0);
     EXPECT_EQ(0u, record.window_bytes);
@@ -398,18 +410,11 @@ TEST_F(CommandServerWindow, SpentRoundsLeaveTheServerUnwatched)
         send_test_request();
         serve();
     }
+    // The request waiting at the server does not end the wait: the
+    // window's end does.
     send_test_request();
-    uint64_t start = monotonic_clock_us();
-    wait_for_input(start + far_away_us);
-    // The request waiting at the server did not end the wait: the window's
-    // end did.
-    EXPECT_GE(monotonic_clock_us(), window_opened + input_window_us);
-    EXPECT_LT(monotonic_clock_us() - start, far_away_us / 2);
+    expect_wait_to_end_with_the_window();
 }
-
-}  // namespace
-
-namespace {
 
 // An endpoint that fails its round is given one round per window instead of
 // being watched, so a descriptor of it that stays ready cannot spin the loop.
@@ -418,10 +423,7 @@ TEST_F(CommandServerWindow, UnusableServerIsRetriedOncePerWindow)
     comm_socket_v4_close(server_socket);
     serve();
     start_new_window();
-    uint64_t start = monotonic_clock_us();
-    wait_for_input(start + far_away_us);
-    EXPECT_GE(monotonic_clock_us(), window_opened + input_window_us);
-    EXPECT_LT(monotonic_clock_us() - start, far_away_us / 2);
+    expect_wait_to_end_with_the_window();
 }
 
 }  // namespace

@@ -62,6 +62,14 @@ protected:
                 drain(client);
         };
     }
+    /// `client` listening, its socket full, and `spent_us` of its send
+    /// time already spent in this pass.
+    void full_listener_with_time_spent(LocalClient& client, uint64_t spent_us)
+    {
+        listen_to_all(client);
+        fill_peer(client.index());
+        charge_send_wait(server_socket->clients.at(client.index()), spent_us);
+    }
     static size_t sends_to(unsigned long index)
     {
         size_t count = 0;
@@ -146,9 +154,7 @@ TEST_F(SendTimeout, ClientThatTakesItsPacketInTimeIsKept)
 TEST_F(SendTimeout, WaitsOfOnePassAddUpToTheTimeout)
 {
     LocalClient stuck;
-    listen_to_all(stuck);
-    fill_peer(stuck.index());
-    charge_send_wait(server_socket->clients.at(stuck.index()), 250000);
+    full_listener_with_time_spent(stuck, 250000);
     reset_library_calls();
     EXPECT_EQ(notify_all(), dropped_line(stuck));
     ASSERT_FALSE(library_calls.wait_lead_us.empty());
@@ -159,9 +165,7 @@ TEST_F(SendTimeout, WaitsOfOnePassAddUpToTheTimeout)
 TEST_F(SendTimeout, ANewPassGivesTheWholeTimeoutAgain)
 {
     LocalClient slow;
-    listen_to_all(slow);
-    fill_peer(slow.index());
-    charge_send_wait(server_socket->clients.at(slow.index()), 300000);
+    full_listener_with_time_spent(slow, 300000);
     open_send_budgets();
     reset_library_calls();
     drain_at_first_wait(slow);

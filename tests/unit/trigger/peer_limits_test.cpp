@@ -113,22 +113,25 @@ TEST_F(LineLimit, LineStalledBeforeTheSettingIsClosedAtTheNextRead)
     EXPECT_EQ(paired.result, -1);
 }
 
-TEST_F(MessageLimit, MessageOfExactlyTheLimitIsHandledAndAnswered)
+// Feeds `input` under a message limit of 9 bytes: the connection stays open
+// and answers `replies`.
+void expect_answered_within_nine_bytes(const std::string& input, const std::string& replies)
 {
     daemon_settings.max_message_bytes = 9;
     PairedClient paired;
-    paired.feed("TRIGGER\n\n");
+    paired.feed(input);
     EXPECT_EQ(paired.result, 0);
-    EXPECT_EQ(receive_at_least(paired.peer, 4), "OK\n\n");
+    EXPECT_EQ(receive_at_least(paired.peer, replies.size()), replies);
+}
+
+TEST_F(MessageLimit, MessageOfExactlyTheLimitIsHandledAndAnswered)
+{
+    expect_answered_within_nine_bytes("TRIGGER\n\n", "OK\n\n");
 }
 
 TEST_F(MessageLimit, BlankLinesAndBlanksBetweenMessagesDoNotCount)
 {
-    daemon_settings.max_message_bytes = 9;
-    PairedClient paired;
-    paired.feed("\n\r\n \t\nTRIGGER\n\n\n \nTRIGGER\n\n");
-    EXPECT_EQ(paired.result, 0);
-    EXPECT_EQ(receive_at_least(paired.peer, 8), "OK\n\nOK\n\n");
+    expect_answered_within_nine_bytes("\n\r\n \t\nTRIGGER\n\n\n \nTRIGGER\n\n", "OK\n\nOK\n\n");
 }
 
 TEST_F(MessageLimit, OneByteOverTheLimitClosesUnhandledAndUnanswered)
