@@ -30,7 +30,7 @@ constexpr double ceiling_per_second = 10240;
 struct Options {
     int classic_triggers = 100;   // per form
     int waking_triggers = 1000;   // per form
-    double idle_seconds = 10;
+    double idle_seconds = 30;
     double flood_seconds = 10;
 };
 

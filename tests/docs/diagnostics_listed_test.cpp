@@ -31,6 +31,9 @@ const std::set<std::string> kNotWritten = {
     "Your client context has been lost (BUG)",      // status words of replies
     "Unknown trigger string",                       //   to local clients
     "OK\n", "OK\n\n",                               // acknowledgements to TCP peers
+    "READY=1\n", "Reload failed",                    // messages to the service manager
+    "%sSTATUS=%s; event sections %zu; TCP connections %zu; local clients %zu, listening %zu; "
+    "channels open %zu of %zu",                     //   (SERVICE MANAGER in the manual page)
 };
 
 std::string read_file(const fs::path& path)
