@@ -9,6 +9,7 @@
 
 #include <cstdlib>
 #include <fstream>
+#include <initializer_list>
 #include <sstream>
 
 namespace q9test {
@@ -30,17 +31,25 @@ std::vector<std::string> daemon_command(std::vector<std::string> wrapper,
 }
 
 // Whether signal `signo` still waits for process `pid` to take it.
-bool signal_pending(pid_t pid, int signo)
+// Whether `signo` is set in any of the signal masks of /proc/PID/status
+// named `fields` ("SigPnd:", "SigCgt:", ...).
+bool in_signal_masks(pid_t pid, int signo, std::initializer_list<const char*> fields)
 {
     std::istringstream status(read_file("/proc/" + std::to_string(pid) + "/status"));
     unsigned long long bit = 1ull << (signo - 1);
-    unsigned long long pending = 0;
+    unsigned long long masks = 0;
     std::string line;
     while (std::getline(status, line)) {
-        if (line.rfind("SigPnd:", 0) == 0 || line.rfind("ShdPnd:", 0) == 0)
-            pending |= std::stoull(line.substr(7), nullptr, 16);
+        for (const char* field : fields)
+            if (line.rfind(field, 0) == 0)
+                masks |= std::stoull(line.substr(7), nullptr, 16);
     }
-    return (pending & bit) != 0;
+    return (masks & bit) != 0;
+}
+
+bool signal_pending(pid_t pid, int signo)
+{
+    return in_signal_masks(pid, signo, {"SigPnd:", "ShdPnd:"});
 }
 
 }  // namespace
@@ -108,9 +117,12 @@ Daemon::Daemon(std::vector<std::string> args, std::vector<std::string> wrapper,
 {
 }
 
+// The PID file and the sockets come before the signal handlers: until the
+// daemon catches SIGHUP, a reload request would end it.
 bool Daemon::wait_until_running(std::chrono::milliseconds limit) const
 {
-    return wait_until(daemon_ready, limit);
+    return wait_until([&] { return daemon_ready() && in_signal_masks(pid(), SIGHUP, {"SigCgt:"}); },
+                      limit);
 }
 
 bool Daemon::deliver(int signo) const

@@ -49,7 +49,8 @@ public:
     Daemon(std::vector<std::string> args, std::vector<std::string> wrapper,
            const std::vector<std::string>& environment);
 
-    /// Waits until daemon_ready() holds.
+    /// Waits until daemon_ready() holds and the daemon has its signal
+    /// handlers in place.
     bool wait_until_running(std::chrono::milliseconds limit = default_wait) const;
     /// Sends a signal and waits until the process has taken it, so that a
     /// next one of the same kind is not merged with it.
