@@ -3,22 +3,32 @@
 // trigger to `start` and to `notify`, TCP intake under flood, and the
 // daemon's CPU time per second idle and under that flood.
 //
-// Triggers go one at a time over one connection.  In the classic run the
-// next is sent at a random moment of the 250 ms pass after the previous
-// acknowledgement, as in the trigger latency benchmark.  In the waking run
-// the gap is random between 2 and 8 ms: at a mean of 5 ms the bytes stay
-// below the intake ceiling of 10,240 B/s, which the waking daemon keeps as
-// the classic one does, so no trigger waits for a budget window.
+// Triggers go one at a time, each form over a connection of its own, and
+// the forms take turns with two floors: a trivial server answering the same
+// client, once wherever the kernel puts it and once on the CPU other than
+// the client's, where every round trip wakes the other CPU.  On a virtual
+// machine that wake-up can stall for milliseconds; the daemon's trips wake
+// the client, the listener, the media-item service and the system logger,
+// and the floors show how much of a slow trip is the machine's.  Each send comes after a
+// random gap: in the classic run a random moment of the 250 ms pass, as in
+// the trigger latency benchmark; in the waking run between 2 and 8 ms, a mean
+// of 5 ms that keeps the bytes below the intake ceiling of 10,240 B/s, which
+// the waking daemon keeps as the classic one does, so no trigger waits for a
+// budget window.
 #include "command_line.h"
+#include "floor_server.h"
 #include "peers.h"
 #include "probes.h"
 #include "stats.h"
 
 #include <poll.h>
+#include <sched.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstring>
+#include <memory>
 #include <random>
 
 using namespace q9bench;
@@ -41,6 +51,7 @@ struct Mode {
 
 struct Figures {
     Summary message_trip, one_line_trip, to_start, to_notify;
+    Summary floor_trip, across_trip;  // the trivial server's, anywhere and on the other CPU
     size_t lost = 0;
     double intake_min = 0, intake_max = 0;       // B/s of the slowest and fastest connection
     double idle_cpu_us = 0, idle_wakes = 0;      // per second
@@ -57,25 +68,62 @@ std::vector<double> gaps_of(const Mode& mode, int count, unsigned seed)
     return gaps;
 }
 
-// Sends `message` after each gap and waits for `reply`; the send times
-// (also of lost triggers, at -1 round trip) and the round trips in us.
-std::vector<double> round_trips(const std::string& message, const std::string& reply,
-                                const std::vector<double>& gaps, std::vector<double>& sent)
-{
-    TriggerConnection connection;
+// One of the round trips measured in turn: a trigger form to the daemon, or
+// a line to a floor.  A trip is the time from the send to the whole reply,
+// in us.  With a server per CPU, the line goes to the server on the CPU after
+// the client's own at the moment of sending, so that the trip crosses CPUs
+// while the client runs wherever the kernel puts it, as in the other turns.
+struct Probe {
+    std::string message, reply;
+    std::vector<std::unique_ptr<TriggerConnection>> connections;
     std::vector<double> trips;
-    for (double gap : gaps) {
-        sleep_ms(gap / 1000);
-        double at = now_us();
-        if (send(connection.fd(), message.data(), message.size(), MSG_NOSIGNAL) !=
-            static_cast<ssize_t>(message.size()))
-            break;
-        sent.push_back(at);
-        if (send_and_collect(connection, "", reply.size(), 5e6) < reply.size())
-            break;
-        trips.push_back(now_us() - at);
+
+    Probe(std::string sends, std::string answer, const std::vector<int>& ports)
+        : message(std::move(sends)), reply(std::move(answer))
+    {
+        for (int port : ports)
+            connections.push_back(std::make_unique<TriggerConnection>(port));
     }
-    return trips;
+
+    TriggerConnection& connection()
+    {
+        if (connections.size() == 1)
+            return *connections.front();
+        return *connections[static_cast<size_t>(sched_getcpu() + 1) % connections.size()];
+    }
+
+    // Sends after `gap` us and waits for the reply; the send time, or a
+    // negative number when no reply came.
+    double round_trip(double gap)
+    {
+        sleep_ms(gap / 1000);
+        TriggerConnection& to = connection();
+        double at = now_us();
+        bool answered = send(to.fd(), message.data(), message.size(), MSG_NOSIGNAL) ==
+                            static_cast<ssize_t>(message.size()) &&
+                        send_and_collect(to, "", reply.size(), 5e6) == reply.size();
+        if (!answered)
+            return -1;
+        trips.push_back(now_us() - at);
+        return at;
+    }
+};
+
+// A floor server kept on each CPU, by number.
+std::vector<std::unique_ptr<FloorServer>> floor_per_cpu()
+{
+    std::vector<std::unique_ptr<FloorServer>> servers;
+    for (long cpu = 0; cpu < sysconf(_SC_NPROCESSORS_ONLN); ++cpu)
+        servers.push_back(std::make_unique<FloorServer>(static_cast<int>(cpu)));
+    return servers;
+}
+
+std::vector<int> ports_of(const std::vector<std::unique_ptr<FloorServer>>& servers)
+{
+    std::vector<int> ports;
+    for (const auto& server : servers)
+        ports.push_back(server->port());
+    return ports;
 }
 
 // The k-th arrival belongs to the k-th trigger: the daemon starts and
@@ -105,20 +153,41 @@ void measure_triggers(const Mode& mode, int count, Figures& figures)
         fprintf(stderr, "modes: the peers could not be set up\n");
         return;
     }
-    std::vector<double> sent;
-    std::vector<double> trips = round_trips("TRIGGER\nsource=bench\n\n", "OK\n\n",
-                                            gaps_of(mode, count, 7), sent);
+    // The forms and the floors take turns, so that all of them meet the
+    // same moments of the machine.
+    FloorServer floor;
+    std::vector<std::unique_ptr<FloorServer>> across = floor_per_cpu();
+    Probe message("TRIGGER\nsource=bench\n\n", "OK\n\n", {q9test::trigger_port});
+    Probe one_line("ONE LINE TRIGGER\n", "OK\n", {q9test::trigger_port});
+    Probe floor_line("ONE LINE TRIGGER\n", "OK\n", {floor.port()});
+    Probe across_line("ONE LINE TRIGGER\n", "OK\n", ports_of(across));
+    std::vector<Probe*> turns = {&message, &one_line, &floor_line};
+    if (across.size() > 1)
+        turns.push_back(&across_line);
+    std::vector<double> gaps = gaps_of(mode, count * static_cast<int>(turns.size()), 7);
+    std::vector<double> sent;  // of the triggers to the daemon, in order
+    for (size_t turn = 0; turn < gaps.size(); ++turn) {
+        Probe& probe = *turns[turn % turns.size()];
+        bool to_daemon = &probe == &message || &probe == &one_line;
+        double at = probe.round_trip(gaps[turn]);
+        if (at < 0) {
+            // The connection cannot carry a later trigger: the run ends here.
+            fprintf(stderr, "modes: no reply to %zu-byte message, stopping\n", probe.message.size());
+            figures.lost += to_daemon ? 1 : 0;
+            break;
+        }
+        if (to_daemon)
+            sent.push_back(at);
+    }
     q9test::wait_until([&] {
         return listener.notifications().size() >= sent.size() && media.arrivals().size() >= sent.size();
     });
-    figures.message_trip = summarize(trips);
+    figures.message_trip = summarize(message.trips);
+    figures.one_line_trip = summarize(one_line.trips);
+    figures.floor_trip = summarize(floor_line.trips);
+    figures.across_trip = summarize(across_line.trips);
     figures.to_start = summarize(delays(sent, media.arrivals()));
     figures.to_notify = summarize(delays(sent, notify_times(listener)));
-    figures.lost = static_cast<size_t>(count) - trips.size();
-    std::vector<double> one_line_sent;
-    figures.one_line_trip =
-        summarize(round_trips("ONE LINE TRIGGER\n", "OK\n", gaps_of(mode, count, 11), one_line_sent));
-    figures.lost += static_cast<size_t>(count) - figures.one_line_trip.count;
 }
 
 void measure_idle(pid_t pid, double seconds, Figures& figures)
@@ -237,7 +306,10 @@ int main(int argc, char** argv)
             "media item registered. Round trips in ms as p50 / p99 / max over " +
                 std::to_string(options.classic_triggers) + " (classic) and " +
                 std::to_string(options.waking_triggers) +
-                " (wake_on_input) triggers of each form, one at a time over one connection. "
+                " (wake_on_input) triggers of each form, one at a time, each form over a "
+                "connection of its own, taking turns with the floors: a trivial server in a "
+                "process of its own answering the same client with \"OK\\n\" per line, placed "
+                "by the kernel, and the same server on the other CPU than the client. "
                 "Intake: bytes per second read from each of four connections sending blank lines "
                 "as fast as the daemon reads, slowest and fastest, against 10,240 B/s. CPU: the "
                 "daemon's time on a CPU per second of wall time (schedstat), idle for " +
@@ -248,6 +320,10 @@ int main(int argc, char** argv)
                "p50 ≤ 0.5, p99 ≤ 2, max ≤ 10"});
     table.add({"`ONE LINE TRIGGER` round trip, ms", trip(classic.one_line_trip),
                trip(waking.one_line_trip), "p50 ≤ 0.5, p99 ≤ 2, max ≤ 10"});
+    table.add({"floor: trivial server, ms", trip(classic.floor_trip), trip(waking.floor_trip),
+               "the machine's"});
+    table.add({"floor: trivial server on the other CPU, ms", trip(classic.across_trip),
+               trip(waking.across_trip), "the machine's"});
     table.add({"trigger → `start`, ms", trip(classic.to_start), trip(waking.to_start), "p99 ≤ 2"});
     table.add({"trigger → `notify`, ms", trip(classic.to_notify), trip(waking.to_notify), "p99 ≤ 2"});
     table.add({"triggers unanswered", std::to_string(classic.lost), std::to_string(waking.lost), "0"});

@@ -1,5 +1,6 @@
 #include "peers.h"
 
+#include "daemon.h"
 #include "files.h"
 #include "stats.h"
 #include "tcp.h"
@@ -37,7 +38,9 @@ bool is_start_request(std::string& bytes)
 
 }  // namespace
 
-TriggerConnection::TriggerConnection()
+TriggerConnection::TriggerConnection() : TriggerConnection(q9test::trigger_port) {}
+
+TriggerConnection::TriggerConnection(int port) : TcpPeer(port)
 {
     if (!connected())
         return;

@@ -23,6 +23,8 @@ namespace q9bench {
 class TriggerConnection : public q9test::TcpPeer {
 public:
     TriggerConnection();
+    /// To 127.0.0.1:`port`, where a stand-in of the daemon listens.
+    explicit TriggerConnection(int port);
     /// Local port, to find the connection in /proc/net/tcp.
     int local_port() const;
 };

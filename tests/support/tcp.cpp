@@ -13,7 +13,7 @@
 
 namespace q9test {
 
-int connect_trigger_port(std::chrono::milliseconds limit)
+int connect_loopback(int port, std::chrono::milliseconds limit)
 {
     int fd = -1;
     wait_until(
@@ -21,7 +21,7 @@ int connect_trigger_port(std::chrono::milliseconds limit)
             fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
             sockaddr_in address{};
             address.sin_family = AF_INET;
-            address.sin_port = htons(trigger_port);
+            address.sin_port = htons(static_cast<uint16_t>(port));
             address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
             if (connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0)
                 return true;
@@ -55,7 +55,9 @@ std::string receive_available(int fd)
     return received;
 }
 
-TcpPeer::TcpPeer() : fd_(connect_trigger_port()) {}
+TcpPeer::TcpPeer() : TcpPeer(trigger_port) {}
+
+TcpPeer::TcpPeer(int port) : fd_(connect_loopback(port)) {}
 
 TcpPeer::~TcpPeer()
 {

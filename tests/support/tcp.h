@@ -8,9 +8,9 @@
 
 namespace q9test {
 
-/// A blocking TCP connection to 127.0.0.1 at the trigger port, retried
-/// until it is accepted or `limit` passes; -1 then.
-int connect_trigger_port(std::chrono::milliseconds limit = default_wait);
+/// A blocking TCP connection to 127.0.0.1 at `port`, retried until it is
+/// accepted or `limit` passes; -1 then.
+int connect_loopback(int port, std::chrono::milliseconds limit = default_wait);
 
 /// Sends every byte of `bytes` on `fd`; false when the peer is gone.
 bool send_all(int fd, const std::string& bytes);
@@ -22,6 +22,9 @@ class TcpPeer : NoCopy {
 public:
     /// Connects to 127.0.0.1:9876 (waits for the connect to complete).
     TcpPeer();
+    /// Connects to 127.0.0.1:`port` instead, where a stand-in of the daemon
+    /// listens.
+    explicit TcpPeer(int port);
     ~TcpPeer();
 
     bool connected() const { return fd_ >= 0; }

@@ -1,0 +1,85 @@
+#include "floor_server.h"
+
+#include <netinet/in.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+namespace q9bench {
+
+namespace {
+
+// Answers each LF on `fd` with "OK\n" until the peer closes.  Only system
+// calls: the child of a threaded process may use nothing else.
+void answer_lines(int fd)
+{
+    char bytes[4096];
+    ssize_t length;
+    while ((length = read(fd, bytes, sizeof(bytes))) > 0) {
+        for (ssize_t i = 0; i < length; ++i)
+            if (bytes[i] == '\n' && write(fd, "OK\n", 3) != 3)
+                return;
+    }
+}
+
+[[noreturn]] void serve(int listener)
+{
+    for (;;) {
+        int fd = accept(listener, nullptr, nullptr);
+        if (fd < 0)
+            _exit(1);
+        answer_lines(fd);
+        close(fd);
+    }
+}
+
+void keep_on_cpu(int cpu)
+{
+    cpu_set_t cpus;
+    CPU_ZERO(&cpus);
+    CPU_SET(cpu, &cpus);
+    sched_setaffinity(0, sizeof(cpus), &cpus);
+}
+
+int bound_port(int listener)
+{
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    if (bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+        listen(listener, 4) != 0 ||
+        getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        return -1;
+    return ntohs(address.sin_port);
+}
+
+}  // namespace
+
+FloorServer::FloorServer(int cpu)
+{
+    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (listener < 0)
+        return;
+    port_ = bound_port(listener);
+    if (port_ > 0)
+        pid_ = fork();
+    if (pid_ == 0) {
+        if (cpu >= 0)
+            keep_on_cpu(cpu);
+        serve(listener);
+    }
+    close(listener);
+}
+
+FloorServer::~FloorServer()
+{
+    if (pid_ <= 0)
+        return;
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+}
+
+}  // namespace q9bench
