@@ -1,6 +1,7 @@
-#include "floor_server.h"
+#include "floors.h"
 
 #include <netinet/in.h>
+#include <poll.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/socket.h>
@@ -56,6 +57,33 @@ int bound_port(int listener)
     return ntohs(address.sin_port);
 }
 
+[[noreturn]] void sleep_as_classic()
+{
+    for (;;)
+        usleep(250000);
+}
+
+[[noreturn]] void sleep_as_waking()
+{
+    int idle[2];
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, idle) != 0)
+        _exit(1);
+    pollfd watched[2] = {{idle[0], POLLIN, 0}, {idle[1], POLLIN, 0}};
+    timespec refresh = {5, 0};
+    sigset_t none;
+    sigemptyset(&none);
+    for (;;)
+        ppoll(watched, 2, &refresh, &none);
+}
+
+void end_child(pid_t pid)
+{
+    if (pid <= 0)
+        return;
+    kill(pid, SIGKILL);
+    waitpid(pid, nullptr, 0);
+}
+
 }  // namespace
 
 FloorServer::FloorServer(int cpu)
@@ -76,10 +104,20 @@ FloorServer::FloorServer(int cpu)
 
 FloorServer::~FloorServer()
 {
-    if (pid_ <= 0)
-        return;
-    kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
+    end_child(pid_);
+}
+
+IdleFloor::IdleFloor(bool waking) : pid_(fork())
+{
+    if (pid_ == 0 && waking)
+        sleep_as_waking();
+    if (pid_ == 0)
+        sleep_as_classic();
+}
+
+IdleFloor::~IdleFloor()
+{
+    end_child(pid_);
 }
 
 }  // namespace q9bench
