@@ -110,21 +110,55 @@ struct Probe {
     }
 };
 
-// A floor server kept on each CPU, by number.
-std::vector<std::unique_ptr<FloorServer>> floor_per_cpu()
-{
-    std::vector<std::unique_ptr<FloorServer>> servers;
-    for (long cpu = 0; cpu < sysconf(_SC_NPROCESSORS_ONLN); ++cpu)
-        servers.push_back(std::make_unique<FloorServer>(static_cast<int>(cpu)));
-    return servers;
-}
+// The floor servers: one placed by the kernel, and one kept on each CPU.
+struct Floors {
+    FloorServer anywhere;
+    std::vector<std::unique_ptr<FloorServer>> per_cpu;
 
-std::vector<int> ports_of(const std::vector<std::unique_ptr<FloorServer>>& servers)
+    Floors()
+    {
+        for (long cpu = 0; cpu < sysconf(_SC_NPROCESSORS_ONLN); ++cpu)
+            per_cpu.push_back(std::make_unique<FloorServer>(static_cast<int>(cpu)));
+    }
+
+    bool listening() const
+    {
+        bool all = anywhere.listening();
+        for (const auto& server : per_cpu)
+            all = all && server->listening();
+        return all;
+    }
+
+    std::vector<int> per_cpu_ports() const
+    {
+        std::vector<int> ports;
+        for (const auto& server : per_cpu)
+            ports.push_back(server->port());
+        return ports;
+    }
+};
+
+// Sends on each probe in turn, one gap before each send, until the gaps are
+// used up or a reply fails to come.  The first `to_daemon` probes are the
+// daemon's: the send times of their triggers, in order.
+std::vector<double> take_turns(const std::vector<Probe*>& turns, size_t to_daemon,
+                               const std::vector<double>& gaps, size_t& lost)
 {
-    std::vector<int> ports;
-    for (const auto& server : servers)
-        ports.push_back(server->port());
-    return ports;
+    std::vector<double> sent;
+    for (size_t turn = 0; turn < gaps.size(); ++turn) {
+        size_t index = turn % turns.size();
+        double at = turns[index]->round_trip(gaps[turn]);
+        if (at < 0) {
+            // The connection cannot carry a later message: the run ends here.
+            fprintf(stderr, "modes: no reply to %zu-byte message, stopping\n",
+                    turns[index]->message.size());
+            lost += index < to_daemon ? 1 : 0;
+            break;
+        }
+        if (index < to_daemon)
+            sent.push_back(at);
+    }
+    return sent;
 }
 
 // The k-th arrival belongs to the k-th trigger: the daemon starts and
@@ -156,30 +190,20 @@ void measure_triggers(const Mode& mode, int count, Figures& figures)
     }
     // The forms and the floors take turns, so that all of them meet the
     // same moments of the machine.
-    FloorServer floor;
-    std::vector<std::unique_ptr<FloorServer>> across = floor_per_cpu();
+    Floors floors;
+    if (!floors.listening()) {
+        fprintf(stderr, "modes: the floor servers could not be started\n");
+        return;
+    }
     Probe message("TRIGGER\nsource=bench\n\n", "OK\n\n", {q9test::trigger_port});
     Probe one_line("ONE LINE TRIGGER\n", "OK\n", {q9test::trigger_port});
-    Probe floor_line("ONE LINE TRIGGER\n", "OK\n", {floor.port()});
-    Probe across_line("ONE LINE TRIGGER\n", "OK\n", ports_of(across));
+    Probe floor_line("ONE LINE TRIGGER\n", "OK\n", {floors.anywhere.port()});
+    Probe across_line("ONE LINE TRIGGER\n", "OK\n", floors.per_cpu_ports());
     std::vector<Probe*> turns = {&message, &one_line, &floor_line};
-    if (across.size() > 1)
+    if (floors.per_cpu.size() > 1)
         turns.push_back(&across_line);
-    std::vector<double> gaps = gaps_of(mode, count * static_cast<int>(turns.size()), 7);
-    std::vector<double> sent;  // of the triggers to the daemon, in order
-    for (size_t turn = 0; turn < gaps.size(); ++turn) {
-        Probe& probe = *turns[turn % turns.size()];
-        bool to_daemon = &probe == &message || &probe == &one_line;
-        double at = probe.round_trip(gaps[turn]);
-        if (at < 0) {
-            // The connection cannot carry a later trigger: the run ends here.
-            fprintf(stderr, "modes: no reply to %zu-byte message, stopping\n", probe.message.size());
-            figures.lost += to_daemon ? 1 : 0;
-            break;
-        }
-        if (to_daemon)
-            sent.push_back(at);
-    }
+    std::vector<double> sent = take_turns(
+        turns, 2, gaps_of(mode, count * static_cast<int>(turns.size()), 7), figures.lost);
     q9test::wait_until([&] {
         return listener.notifications().size() >= sent.size() && media.arrivals().size() >= sent.size();
     });
