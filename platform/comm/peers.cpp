@@ -1,5 +1,6 @@
 // The peers of a server endpoint: their table, their queues, their I/O.
 #include "comm_internal.h"
+#include "comm_socket_v4_host.h"
 #include "appliance_util.h"
 
 #include <errno.h>

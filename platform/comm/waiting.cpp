@@ -1,6 +1,7 @@
 // What an endpoint needs watched by a caller that waits instead of polling
 // it at a fixed rate.
 #include "comm_internal.h"
+#include "comm_socket_v4_host.h"
 
 #include <algorithm>
 

@@ -1,5 +1,7 @@
 #include "rendermgr/endpoint_waiting.h"
 
+#include "comm_socket_v4_host.h"
+
 #include <poll.h>
 
 // The library fills the room it is given and says how much it needed; the

@@ -97,11 +97,6 @@ int comm_socket_v4_packet_send_to_server(comm_socket_v4* sock, comm_socket_v4_pa
 comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* sock);
 /// The next peer that went away, or null.  Each is reported once.
 comm_socket_v4_client* comm_socket_v4_get_disconnected_client(comm_socket_v4* sock);
-/// Ends the connection of a live peer from the server's side: its queued
-/// requests are released and it is reported once by
-/// comm_socket_v4_get_disconnected_client(), like a peer that went away,
-/// for the caller to free.  A peer already gone, or null, is left alone.
-void comm_socket_v4_disconnect_client(comm_socket_v4_client* client);
 /// Frees a peer reported as disconnected, with its requests still queued;
 /// its index becomes free for the next peer.
 void comm_socket_v4_free_client(comm_socket_v4_client* client);
@@ -144,19 +139,3 @@ void comm_socket_v4_packet_write_nv_pair(comm_socket_v4_packet* packet, const ch
 /// Completes the frame into `data`; the packet may now be sent.
 void comm_socket_v4_packet_write_end(comm_socket_v4_packet* packet);
 
-// Waiting ------------------------------------------------------------------
-
-struct pollfd;
-
-/// What a caller that waits for the endpoint in poll() must watch.  Writes
-/// up to `capacity` entries to `fds`, one per descriptor the endpoint reads
-/// or writes (a server's listening socket and every live peer, or a client's
-/// connection): POLLIN, with POLLOUT while output is kept for it or while
-/// its connect is under way.  Returns how many entries the endpoint needs,
-/// which may be more than `capacity`.  Lowers `*wake_at` (microseconds of
-/// monotonic_clock_us()) to when the endpoint needs its idle call although
-/// no descriptor became ready: 0 while something is already queued for the
-/// caller (a peer accepted or gone, a packet received), or the time of a
-/// connect retry or of a connect's timeout.
-size_t comm_socket_v4_poll_descriptors(comm_socket_v4* sock, struct pollfd* fds, size_t capacity,
-                                       uint64_t* wake_at);

@@ -1,5 +1,6 @@
 // A server that ends a peer's connection itself: the peer sees the end, the
 // server reports it like a peer that went away, and nothing of it is left.
+#include "comm_socket_v4_host.h"
 #include "comm_test_support.h"
 
 namespace {

@@ -1,3 +1,4 @@
+#include "comm_socket_v4_host.h"
 #include "comm_test_support.h"
 
 #include <poll.h>

@@ -1,0 +1,28 @@
+// What the host build of the packet-socket library offers beyond the
+// appliance's own library: a server ending a peer, and the descriptors a
+// caller waits on.  The daemon's units that use it come in two variants,
+// <stem>_host.cpp built on this and <stem>_sdk.cpp built without it.
+#pragma once
+
+#include "comm_socket_v4.h"
+
+/// Ends the connection of a live peer from the server's side: its queued
+/// requests are released and it is reported once by
+/// comm_socket_v4_get_disconnected_client(), like a peer that went away,
+/// for the caller to free.  A peer already gone, or null, is left alone.
+void comm_socket_v4_disconnect_client(comm_socket_v4_client* client);
+
+struct pollfd;
+
+/// What a caller that waits for the endpoint in poll() must watch.  Writes
+/// up to `capacity` entries to `fds`, one per descriptor the endpoint reads
+/// or writes (a server's listening socket and every live peer, or a client's
+/// connection): POLLIN, with POLLOUT while output is kept for it or while
+/// its connect is under way.  Returns how many entries the endpoint needs,
+/// which may be more than `capacity`.  Lowers `*wake_at` (microseconds of
+/// monotonic_clock_us()) to when the endpoint needs its idle call although
+/// no descriptor became ready: 0 while something is already queued for the
+/// caller (a peer accepted or gone, a packet received), or the time of a
+/// connect retry or of a connect's timeout.
+size_t comm_socket_v4_poll_descriptors(comm_socket_v4* sock, struct pollfd* fds, size_t capacity,
+                                       uint64_t* wake_at);
