@@ -6,11 +6,11 @@
 #include "config/daemon_settings.h"
 #include "trigger/trigger_listener.h"
 
+#include "daemon.h"
 #include "trigger_test_support.h"
 
 #include <gtest/gtest.h>
 
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -199,12 +199,8 @@ protected:
 
     int connect_peer()
     {
-        int peer = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(9876);
-        EXPECT_EQ(connect(peer, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+        int peer = q9test::connect_loopback(q9test::trigger_port);
+        EXPECT_GE(peer, 0);
         peers.push_back(peer);
         return peer;
     }
@@ -231,6 +227,18 @@ protected:
         });
         testing::internal::GetCapturedStderr();
         return reply;
+    }
+    /// Sends a line too long to hold from `peer`, whose connection is the
+    /// only one, and steps until that connection stalls.
+    static TCPTriggerClient& stall(int peer)
+    {
+        send_text(peer, std::string(1024, 'x'));
+        TCPTriggerClient& client = tcp_clients.begin()->second;
+        wait_until([&] {
+            step();
+            return client.stalled();
+        });
+        return client;
     }
     static std::string step()
     {
@@ -308,13 +316,8 @@ TEST_F(ListenerLimits, StalledPeerCountsAsSilent)
     daemon_settings.tcp_idle_timeout_s = 1;
     int peer = connect_peer();
     step_until_open(1);
-    send_text(peer, std::string(1024, 'x'));
-    TCPTriggerClient& client = tcp_clients.begin()->second;
+    TCPTriggerClient& client = stall(peer);
     int fd = client.sock_fd;
-    wait_until([&] {
-        step();
-        return client.stalled();
-    });
     client.last_input_us = monotonic_clock_us() - 2 * one_second_us;
     EXPECT_EQ(step(), fd_line("TCP client fd %d idle for 1 s, closing\n", fd) +
                           fd_line("Dropping TCP client fd %d\n", fd));
@@ -342,12 +345,7 @@ TEST_F(ListenerLimits, StalledPeerIsNotWatchedButStillWakesTheLoopForItsIdleTime
     daemon_settings.tcp_idle_timeout_s = 2;
     int peer = connect_peer();
     step_until_open(1);
-    send_text(peer, std::string(1024, 'x'));
-    TCPTriggerClient& client = tcp_clients.begin()->second;
-    wait_until([&] {
-        step();
-        return client.stalled();
-    });
+    TCPTriggerClient& client = stall(peer);
     std::vector<pollfd> fds;
     uint64_t wake_at = ~0ull;
     bool budget_spent = false;
