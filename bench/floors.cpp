@@ -36,6 +36,18 @@ void answer_lines(int fd)
     }
 }
 
+// The child keeps only the standard descriptors and the listener, moved
+// to `keeper_fd`: a copy of one of the parent's connections to the daemon
+// would keep that connection open after the parent closed it.
+constexpr int keeper_fd = 3;
+
+void keep_only_listener(int listener)
+{
+    if (listener != keeper_fd)
+        dup2(listener, keeper_fd);
+    close_range(keeper_fd + 1, ~0u, 0);
+}
+
 void keep_on_cpu(int cpu)
 {
     cpu_set_t cpus;
@@ -95,9 +107,10 @@ FloorServer::FloorServer(int cpu)
     if (port_ > 0)
         pid_ = fork();
     if (pid_ == 0) {
+        keep_only_listener(listener);
         if (cpu >= 0)
             keep_on_cpu(cpu);
-        serve(listener);
+        serve(keeper_fd);
     }
     close(listener);
 }
@@ -109,6 +122,8 @@ FloorServer::~FloorServer()
 
 IdleFloor::IdleFloor(bool waking) : pid_(fork())
 {
+    if (pid_ == 0)
+        close_range(3, ~0u, 0);
     if (pid_ == 0 && waking)
         sleep_as_waking();
     if (pid_ == 0)

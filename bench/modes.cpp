@@ -313,6 +313,15 @@ std::string share(double rate)
     return fixed(rate, 0) + " (" + fixed(100 * rate / ceiling_per_second, 1) + " %)";
 }
 
+// A floor that took no CPU time at all (a window without a wake-up) has no
+// ratio to give.
+std::string over_floor(const Figures& figures)
+{
+    if (figures.idle_floor_us <= 0)
+        return "-";
+    return fixed(figures.idle_cpu_us / figures.idle_floor_us, 2);
+}
+
 Options parse(int argc, char** argv)
 {
     Options options;
@@ -368,8 +377,7 @@ int main(int argc, char** argv)
                "≤ a tenth of classic"});
     table.add({"floor: bare loop sleeping alike, CPU us per s", fixed(classic.idle_floor_us, 1),
                fixed(waking.idle_floor_us, 1), "the machine's"});
-    table.add({"idle CPU over its floor", fixed(classic.idle_cpu_us / classic.idle_floor_us, 2),
-               fixed(waking.idle_cpu_us / waking.idle_floor_us, 2), "classic ≤ 1.5"});
+    table.add({"idle CPU over its floor", over_floor(classic), over_floor(waking), "classic ≤ 1.5"});
     table.add({"idle wake-ups per s", fixed(classic.idle_wakes, 2), fixed(waking.idle_wakes, 2),
                "≤ a tenth of classic"});
     table.add({"CPU under flood, us per s", fixed(classic.flood_cpu_us, 0), fixed(waking.flood_cpu_us, 0),
