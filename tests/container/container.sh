@@ -52,7 +52,6 @@ container_root_ensure() {
         rm -rf "$container_cache/root" "$container_cache/root.new" "$container_cache/recipe"
         if ! mmdebstrap --variant=minbase --include="$container_packages_in_root" "$container_suite" \
                 "$container_cache/root.new" "$container_mirror" >"$container_cache/mmdebstrap.log" 2>&1; then
-            tail -n 20 "$container_cache/mmdebstrap.log"
             flock -u "$lock"
             container_fail "cannot make the container's root (whole log: $container_cache/mmdebstrap.log)"
         fi
@@ -93,8 +92,7 @@ container_boot() {
         kill -0 "$container_nspawn" 2>/dev/null || break
         sleep 0.1
     done
-    tail -n 20 "$work/nspawn.log"
-    container_fail "systemd did not boot in the container within 30 s (state '$state')"
+    container_fail "systemd did not boot in the container within 30 s (state '$state'; systemd-nspawn's last line: $(tail -n 1 "$work/nspawn.log"))"
 }
 
 # Makes container_work, a tmpfs in the private mount namespace, and removes
@@ -143,7 +141,6 @@ container_packages() {
     top=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
     ls "$out"/q9-korvane-xml-events-d_*.deb "$out"/q9-appliance-sim_*.deb >/dev/null 2>&1 && return 0
     if ! "$top/scripts/package" "$out" >"$out/package.log" 2>&1; then
-        tail -n 30 "$out/package.log"
         container_fail "scripts/package failed (whole log: $out/package.log)"
     fi
 }

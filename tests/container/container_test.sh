@@ -112,8 +112,7 @@ container_next_packages "$work/packages"
 version=$(dpkg-deb -f "$work"/packages/q9-korvane-xml-events-d_*.deb Version)
 if ! { [ -f "$build/CMakeCache.txt" ] || cmake -S "$top" -B "$build"; } >"$work/stream-build.log" 2>&1 ||
    ! cmake --build "$build" --target q9_trigger_stream >>"$work/stream-build.log" 2>&1; then
-    tail -n 30 "$work/stream-build.log"
-    container_fail "cannot build q9_trigger_stream in $build"
+    container_fail "cannot build q9_trigger_stream in $build: $(tail -n 1 "$work/stream-build.log")"
 fi
 
 echo "== boot"
