@@ -1,11 +1,12 @@
+# shellcheck shell=bash disable=SC2034  # what is set here, the caller reads
 # tests/container/container.sh: sourced by the booted-container test and the
 # restart benchmark.  A small Debian root made with Debian's own tools and
 # cached on this machine, booted with systemd in a container of its own:
 # private mount, PID and network namespaces (loopback only), so the
 # container's port 9876, /run and /etc are never this machine's.
 #
-# The caller first runs container_enter_namespace, which runs it again in a
-# private mount and PID namespace: when the caller ends, however it ends,
+# The caller first runs container_start, which runs it again in a private
+# mount and PID namespace: when the caller ends, however it ends,
 # the kernel ends every process of the container with it, and the mounts
 # (the container's writable layer and a private /run for systemd-nspawn's
 # own files) go away.
@@ -27,19 +28,41 @@ container_fail() {
     exit 1
 }
 
-# container_enter_namespace NAME "$0" "$@": runs the calling script again in
-# a private mount and PID namespace (once), after checking that this machine
-# can boot a container at all.
-container_enter_namespace() {
+# container_start NAME DEFAULT_BUILD "$0" "$@": what the test and the
+# benchmark do first.  --help prints the calling script's header; then,
+# after checking that this machine can boot a container at all, the script
+# runs again in a private mount and PID namespace (once), and its options
+# set packages (--packages DIR, default none) and build (--build DIR).
+container_start() {
     container_name=$1
-    shift
+    build=$2
+    shift 2
+    case ${2:-} in
+    -h | --help)
+        sed -n '2,/^set -eu/p' "$1" | sed '$d' | sed 's/^# \{0,1\}//'
+        exit 0
+        ;;
+    esac
     [ "$(id -u)" = 0 ] || container_fail "needs root"
-    [ "${Q9_CONTAINER_NAMESPACE:-}" = 1 ] && return 0
-    local tool
-    for tool in mmdebstrap systemd-nspawn nsenter unshare; do
-        command -v "$tool" >/dev/null || container_fail "cannot boot a container: $tool is missing (scripts/deps installs it)"
+    if [ "${Q9_CONTAINER_NAMESPACE:-}" != 1 ]; then
+        local tool
+        for tool in mmdebstrap systemd-nspawn nsenter unshare; do
+            command -v "$tool" >/dev/null ||
+                container_fail "cannot boot a container: $tool is missing (scripts/deps installs it)"
+        done
+        Q9_CONTAINER_NAMESPACE=1 exec unshare --mount --pid --fork --kill-child --mount-proc -- "$@"
+    fi
+    export PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
+    shift
+    packages=
+    while [ $# -gt 0 ]; do
+        case $1 in
+        --packages) packages=$(cd "$2" && pwd) ;;
+        --build) build=$(cd "$2" && pwd) ;;
+        *) container_fail "unknown option '$1' (see --help)" ;;
+        esac
+        shift 2
     done
-    Q9_CONTAINER_NAMESPACE=1 exec unshare --mount --pid --fork --kill-child --mount-proc -- "$@"
 }
 
 # Makes the cached root again when it is missing or its recipe changed, one
@@ -78,7 +101,7 @@ container_boot() {
         --link-journal=no --resolv-conf=off --timezone=off --machine="q9-test-$$" \
         --directory="$work/root" --bind-ro="$packages:/srv/q9-packages" >"$work/nspawn.log" 2>&1 &
     container_nspawn=$!
-    local state= child
+    local state='' child
     for _ in $(seq 300); do
         # The container's init is the child of systemd-nspawn that runs in
         # a PID namespace of its own (a first child only prepares it).
@@ -133,14 +156,15 @@ in_container() {
         env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 "$@"
 }
 
+container_top=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+
 # container_packages OUTDIR: builds the packages with scripts/package into
 # OUTDIR unless they are there already (scripts/test hands over those that
 # the package test built).
 container_packages() {
-    local out=$1 top
-    top=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
+    local out=$1
     ls "$out"/q9-korvane-xml-events-d_*.deb "$out"/q9-appliance-sim_*.deb >/dev/null 2>&1 && return 0
-    if ! "$top/scripts/package" "$out" >"$out/package.log" 2>&1; then
+    if ! "$container_top/scripts/package" "$out" >"$out/package.log" 2>&1; then
         container_fail "scripts/package failed (whole log: $out/package.log)"
     fi
 }
@@ -303,4 +327,50 @@ container_next_packages() {
         dpkg-deb -b --root-owner-group "$1/next/tree" "$1/next/$(basename "$package" .deb)+next.deb" >/dev/null
     done
     rm -rf "$1/next/tree"
+}
+
+# Restarts by the watchdog take seconds: a drop-in of the container (never
+# of the packages) shortens the packaged WatchdogSec=30.
+watchdog_s=3
+restart_s=$(sed -n 's/^RestartSec=//p' "$container_top/packaging/q9_korvane_xml_events_d.service.in")
+
+# container_prepare PACKAGES BUILD: everything up to a booted container
+# whose /srv/q9-packages holds the packages of PACKAGES (built there when
+# empty) and, in next/, the same as a higher version; q9_trigger_stream
+# built in BUILD ($stream_binary); the watchdog drop-in in place for the
+# packages' first start.  Sets version (of the packages) and booted.
+container_prepare() {
+    local packages=$1 build=$2 work=$container_work
+    echo "== the container's root ($container_cache)"
+    container_root_ensure
+    echo "== the packages and the trigger stream"
+    mkdir "$work/packages"
+    [ -n "$packages" ] || { packages=$work/built; mkdir "$packages"; }
+    container_packages "$packages"
+    cp "$packages"/q9-korvane-xml-events-d_*.deb "$packages"/q9-appliance-sim_*.deb "$work/packages/"
+    container_next_packages "$work/packages"
+    version=$(dpkg-deb -f "$work"/packages/q9-korvane-xml-events-d_*.deb Version)
+    if ! { [ -f "$build/CMakeCache.txt" ] || cmake -S "$container_top" -B "$build"; } >"$work/stream-build.log" 2>&1 ||
+       ! cmake --build "$build" --target q9_trigger_stream >>"$work/stream-build.log" 2>&1; then
+        container_fail "cannot build q9_trigger_stream in $build: $(tail -n 1 "$work/stream-build.log")"
+    fi
+    stream_binary=$build/tests/container/q9_trigger_stream
+    echo "== boot"
+    container_boot "$work/packages"
+    booted=$(date +%s)
+    mkdir -p "$work/root/etc/systemd/system/$unit.d"
+    printf '[Service]\nWatchdogSec=%s\n' "$watchdog_s" >"$work/root/etc/systemd/system/$unit.d/test-watchdog.conf"
+}
+
+# Installs the packages of /srv/q9-packages (not next/) in the container.
+container_install() {
+    in_container sh -c 'dpkg -i /srv/q9-packages/*.deb' </dev/null >>"$container_work/dpkg.log" 2>&1
+}
+
+# The configuration the restarts run with: the packaged example and
+# wake_on_input, so that a trigger every 10 ms on new connections is
+# answered at once rather than four connections a pass.
+restart_configuration() {
+    cat "$container_top/packaging/q9_korvane_xml_events_d.toml"
+    printf '\n[daemon]\nwake_on_input = true\n'
 }

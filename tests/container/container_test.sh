@@ -34,48 +34,17 @@
 # that cannot boot the container fails with one line saying why.
 set -eu
 
-case ${1:-} in
--h|--help)
-    sed -n '2,/^set -eu/p' "$0" | sed '$d' | sed 's/^# \{0,1\}//'
-    exit 0
-    ;;
-esac
-
 top=$(cd "$(dirname "$0")/../.." && pwd)
 # shellcheck source=tests/container/container.sh
 . "$top/tests/container/container.sh"
-container_enter_namespace "container test" "$0" "$@"
-export PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
-
-packages=
-build=$top/build
-while [ $# -gt 0 ]; do
-    case $1 in
-    --packages) packages=$(cd "$2" && pwd) ;;
-    --build) build=$(cd "$2" && pwd) ;;
-    *) container_fail "unknown option '$1' (see --help)" ;;
-    esac
-    shift 2
-done
+container_start "container test" "$top/build" "$0" "$@"
 
 started=$(date +%s)
 container_work_dir container-test
 work=$container_work
-stream_binary=$build/tests/container/q9_trigger_stream
 
-passes=0
-failures=0
-check() {
-    local what=$1
-    shift
-    if "$@"; then
-        echo "ok: $what"
-        passes=$((passes + 1))
-    else
-        echo "FAIL: $what"
-        failures=$((failures + 1))
-    fi
-}
+# shellcheck source=tests/support/checks.sh
+. "$top/tests/support/checks.sh"
 
 starts_with() {
     [[ $1 == "$2"* ]]
@@ -100,40 +69,13 @@ start_fails() {
     ! in_container systemctl restart "$unit" 2>/dev/null
 }
 
-echo "== the container's root ($container_cache)"
-container_root_ensure
-
-echo "== the packages and the trigger stream"
-mkdir "$work/packages"
-[ -n "$packages" ] || { packages=$work/built; mkdir "$packages"; }
-container_packages "$packages"
-cp "$packages"/q9-korvane-xml-events-d_*.deb "$packages"/q9-appliance-sim_*.deb "$work/packages/"
-container_next_packages "$work/packages"
-version=$(dpkg-deb -f "$work"/packages/q9-korvane-xml-events-d_*.deb Version)
-if ! { [ -f "$build/CMakeCache.txt" ] || cmake -S "$top" -B "$build"; } >"$work/stream-build.log" 2>&1 ||
-   ! cmake --build "$build" --target q9_trigger_stream >>"$work/stream-build.log" 2>&1; then
-    container_fail "cannot build q9_trigger_stream in $build: $(tail -n 1 "$work/stream-build.log")"
-fi
-
-echo "== boot"
-container_boot "$work/packages"
+container_prepare "$packages" "$build"
 root=$work/root
-booted=$(date +%s)
-
-# A test-only drop-in: the watchdog fires after 3 s instead of the packaged
-# 30 s, so that the watchdog checks take seconds.
-watchdog_s=3
-restart_s=$(sed -n 's/^RestartSec=//p' "$top/packaging/q9_korvane_xml_events_d.service.in")
-mkdir -p "$root/etc/systemd/system/$unit.d"
-printf '[Service]\nWatchdogSec=%s\n' "$watchdog_s" >"$root/etc/systemd/system/$unit.d/test-watchdog.conf"
 # systemd's debug messages show each notification the daemon sends.
 in_container systemd-analyze log-level debug
 
 echo "== install and start"
-install_packages() {
-    in_container sh -c 'dpkg -i /srv/q9-packages/*.deb' </dev/null >"$work/dpkg.log" 2>&1
-}
-check "dpkg -i installs both packages" install_packages
+check "dpkg -i installs both packages" container_install
 check "the install started the unit" [ "$(unit_property ActiveState)" = active ]
 check "the unit's status line is the daemon's, after start-up" \
     starts_with "$(unit_property StatusText)" "Running; event sections 2; "
@@ -157,9 +99,8 @@ check "items registered with ctl are listed" [ "$(items)" = closing,opening ]
 echo "== reload"
 cursor=$(in_container journalctl --show-cursor -n 0 | sed -n 's/^-- cursor: //p')
 {
-    cat "$top/packaging/q9_korvane_xml_events_d.toml"
+    restart_configuration
     printf '\n[channel-weather]\n"watch path" = "/srv/events/weather"\n"asset path" = "/srv/assets/weather"\n"target channel" = 1\n'
-    printf '\n[daemon]\nwake_on_input = true\n'
 } >"$root/etc/q9_korvane_xml_events_d.toml"
 check "systemctl reload succeeds" in_container systemctl reload "$unit"
 # The state changes the daemon sent since the cursor, watchdog pings left out.

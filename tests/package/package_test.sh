@@ -49,19 +49,8 @@ if [ $# -gt 0 ]; then
     out=$(cd "$1" && pwd)
 fi
 
-passes=0
-failures=0
-check() {
-    local what=$1
-    shift
-    if "$@"; then
-        echo "ok: $what"
-        passes=$((passes + 1))
-    else
-        echo "FAIL: $what"
-        failures=$((failures + 1))
-    fi
-}
+# shellcheck source=tests/support/checks.sh
+. "$top/tests/support/checks.sh"
 
 echo "== build"
 if ! "$top/scripts/package" "$out" >"$work/package.log" 2>&1; then
