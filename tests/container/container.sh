@@ -8,8 +8,8 @@
 # The caller first runs container_start, which runs it again in a private
 # mount and PID namespace: when the caller ends, however it ends,
 # the kernel ends every process of the container with it, and the mounts
-# (the container's writable layer and a private /run for systemd-nspawn's
-# own files) go away.
+# (a private /run holding the container's writable layer and
+# systemd-nspawn's own files) go away.
 
 container_cache=/var/cache/q9_korvane_xml_events_d-test
 container_mirror=http://deb.debian.org/debian
@@ -92,8 +92,6 @@ container_root_ensure() {
 # container_nspawn.  The container's root is $container_work/root here too.
 container_boot() {
     local work=$container_work packages=$1
-    # systemd-nspawn keeps its locks and mount propagation under /run.
-    mount -t tmpfs q9-container-run /run
     mkdir "$work/upper" "$work/overlay-work" "$work/root"
     mount -t overlay q9-container-root \
         -o "lowerdir=$container_cache/root,upperdir=$work/upper,workdir=$work/overlay-work" "$work/root"
@@ -118,20 +116,20 @@ container_boot() {
     container_fail "systemd did not boot in the container within 30 s (state '$state'; systemd-nspawn's last line: $(tail -n 1 "$work/nspawn.log"))"
 }
 
-# Makes container_work, a tmpfs in the private mount namespace, and removes
-# the container and the stream with it when the caller ends.
+# Makes container_work on a tmpfs over /run that only this mount namespace
+# sees (systemd-nspawn keeps its locks and mount propagation under /run
+# too), so that nothing of the run is left on this machine however it ends;
+# an orderly end powers the container off first.
 container_work_dir() {
     mount --make-rprivate /
-    container_work=$(mktemp -d "/tmp/q9-$1.XXXXXX")
-    mount -t tmpfs q9-container "$container_work"
+    mount -t tmpfs q9-container-run /run
+    container_work=$(mktemp -d "/run/q9-$1.XXXXXX")
     trap container_cleanup EXIT
 }
 
 container_cleanup() {
     stream_stop >/dev/null 2>&1 || true
     container_remove
-    umount -R "$container_work"
-    rmdir "$container_work"
 }
 
 # Powers the container off, and kills it when it does not go within 10 s.
