@@ -154,8 +154,8 @@ enum class Outcome { Waiting, Answered, Refused, Lost };
 // One trigger, from its due time to its outcome.
 struct Trigger {
     Clock::time_point due;
-    bool in_window;          // due while a restart window was open
-    int windows_closed_before;  // windows closed by its due time
+    bool in_window;             // due while a restart window was open
+    int windows_closed_before;  // restart windows closed by its due time
     Outcome outcome = Outcome::Waiting;
 };
 
