@@ -123,20 +123,16 @@ short peer_poll_events(const comm_socket_v4_client* peer)
 
 comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* sock)
 {
-    if (sock == nullptr || !sock->state->server || sock->state->server->accepted.empty())
+    if (sock == nullptr || !sock->state->server)
         return nullptr;
-    comm_socket_v4_client* peer = sock->state->server->accepted.front();
-    sock->state->server->accepted.pop_front();
-    return peer;
+    return take_front(sock->state->server->accepted);
 }
 
 comm_socket_v4_client* comm_socket_v4_get_disconnected_client(comm_socket_v4* sock)
 {
-    if (sock == nullptr || !sock->state->server || sock->state->server->disconnected.empty())
+    if (sock == nullptr || !sock->state->server)
         return nullptr;
-    comm_socket_v4_client* peer = sock->state->server->disconnected.front();
-    sock->state->server->disconnected.pop_front();
-    return peer;
+    return take_front(sock->state->server->disconnected);
 }
 
 void comm_socket_v4_disconnect_client(comm_socket_v4_client* client)
@@ -169,11 +165,10 @@ unsigned long comm_socket_v4_client_ptr2index(comm_socket_v4_client* client)
 comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* sock,
                                                         comm_socket_v4_client** client)
 {
-    if (sock == nullptr || !sock->state->server || sock->state->server->requests.empty())
+    if (sock == nullptr || !sock->state->server)
         return nullptr;
-    auto request = sock->state->server->requests.front();
-    sock->state->server->requests.pop_front();
-    if (client != nullptr)
+    auto request = take_front(sock->state->server->requests, {nullptr, nullptr});
+    if (client != nullptr && request.second != nullptr)
         *client = request.first;
     return request.second;
 }
