@@ -116,54 +116,55 @@ void reject_trigger_string(comm_socket_v4_packet* reply, const char* command)
     write_reply(reply, command, "Unknown trigger string");
 }
 
-void command_register(const comm_socket_v4_packet* request, comm_socket_v4_packet* reply,
-                      unsigned long index)
+// What "register" asks of the sender's record; false for an unknown
+// trigger string, after the target was applied all the same.
+bool apply_register(CommSocketClient& client, const RegistrationPairs& pairs)
 {
-    auto record = server_socket_clients.find(index);
-    if (record == server_socket_clients.end()) {
-        reply->result = result_context_lost;
-        write_reply(reply, "register", context_lost_status);
-        return;
-    }
-    RegistrationPairs pairs = read_registration_pairs(request);
     if (pairs.target) {
         media_persistence.emplace(*pairs.target, MediaItemPersistence());
-        record->second.target = *pairs.target;
+        client.target = *pairs.target;
     }
-    if (pairs.triggers) {
-        if (*pairs.triggers == "*")
-            record->second.all_triggers = true;
-        else if (pairs.triggers->empty())
-            record->second.all_triggers = false;
-        else
-            reject_trigger_string(reply, "register");
-    }
-    write_reply(reply, "register", "OK");
+    if (!pairs.triggers)
+        return true;
+    if (*pairs.triggers == "*")
+        client.all_triggers = true;
+    else if (pairs.triggers->empty())
+        client.all_triggers = false;
+    else
+        return false;
+    return true;
 }
 
 // Unlike "register", an empty triggers value leaves the flag alone: only "*"
 // withdraws a client from the notifications.
-void command_unregister(const comm_socket_v4_packet* request, comm_socket_v4_packet* reply,
-                        unsigned long index)
+bool apply_unregister(CommSocketClient& client, const RegistrationPairs& pairs)
+{
+    if (pairs.target) {
+        media_persistence.erase(*pairs.target);
+        client.target.clear();
+    }
+    if (!pairs.triggers || pairs.triggers->empty())
+        return true;
+    if (*pairs.triggers != "*")
+        return false;
+    client.all_triggers = false;
+    return true;
+}
+
+// "register" and "unregister": only a client with a record may change it.
+void command_registration(const comm_socket_v4_packet* request, comm_socket_v4_packet* reply,
+                          unsigned long index, const char* command,
+                          bool (*apply)(CommSocketClient&, const RegistrationPairs&))
 {
     auto record = server_socket_clients.find(index);
     if (record == server_socket_clients.end()) {
         reply->result = result_context_lost;
-        write_reply(reply, "unregister", context_lost_status);
+        write_reply(reply, command, context_lost_status);
         return;
     }
-    RegistrationPairs pairs = read_registration_pairs(request);
-    if (pairs.target) {
-        media_persistence.erase(*pairs.target);
-        record->second.target.clear();
-    }
-    if (pairs.triggers) {
-        if (*pairs.triggers == "*")
-            record->second.all_triggers = false;
-        else if (!pairs.triggers->empty())
-            reject_trigger_string(reply, "unregister");
-    }
-    write_reply(reply, "unregister", "OK");
+    if (!apply(record->second, read_registration_pairs(request)))
+        reject_trigger_string(reply, command);
+    write_reply(reply, command, "OK");
 }
 
 void dispatch(comm_socket_v4_packet* request, comm_socket_v4_packet* reply, unsigned long index)
@@ -172,9 +173,9 @@ void dispatch(comm_socket_v4_packet* request, comm_socket_v4_packet* reply, unsi
     if (strcmp(command, "test") == 0)
         command_test(reply);
     else if (strcmp(command, "register") == 0)
-        command_register(request, reply, index);
+        command_registration(request, reply, index, "register", apply_register);
     else if (strcmp(command, "unregister") == 0)
-        command_unregister(request, reply, index);
+        command_registration(request, reply, index, "unregister", apply_unregister);
     else if (strcmp(command, "list-pmi") == 0)
         command_list_pmi(reply);
     else if (strcmp(command, "status") == 0)
