@@ -11,6 +11,7 @@
 #include "daemon/process_state.h"
 #include "daemon/service_manager.h"
 #include "daemon/signals.h"
+#include "rendermgr/channel_states.h"
 #include "rendermgr/channels.h"
 #include "service/command_server.h"
 #include "service/send_budget.h"
@@ -133,7 +134,9 @@ void main_loop_pass(uint64_t& next_refresh)
         for (int i = 0; i < calls_per_pass; ++i)
             service_all_tcp_clients();
     }
-    note_pass(now, monotonic_clock_us(), sleep_end - sleep_start);
+    uint64_t ended = monotonic_clock_us();
+    note_pass(now, ended, sleep_end - sleep_start);
+    note_channel_states(ended);
 }
 
 // The ordered stop: the command server first (its clients are not told),

@@ -8,11 +8,9 @@
 #include "config/configuration.h"
 #include "config/daemon_settings.h"
 #include "daemon/daemon_counters.h"
-#include "rendermgr/channel_states.h"
 #include "fixed_paths.h"
 #include "rendermgr/channels.h"
 #include "service/command_server.h"
-#include "trigger/tcp_peer_records.h"
 #include "trigger/trigger_listener.h"
 
 bool force_run = false;
@@ -32,10 +30,8 @@ DaemonCounters daemon_counters;
 std::vector<int> sel_channels;
 std::vector<int> known_channels;
 std::map<int, RenderManagerConnection*> rendermgr_conn;
-std::map<int, ChannelStateRecord> channel_states;
 std::string configuration_path = default_configuration_path;
 std::map<int, TCPTriggerClient> tcp_clients;
-std::map<int, TcpPeerRecord> tcp_peer_records;
 std::map<std::string, ConfigurationEntry> configuration;
 std::map<std::string, MediaItemPersistence> media_persistence;
 std::map<uint64_t, CommSocketClient> server_socket_clients;

@@ -211,6 +211,17 @@ uint64_t TCPTriggerClient::silence_deadline() const
     return last_input_us + timeout_s * us_per_s;
 }
 
+const char* TCPTriggerClient::state_name() const
+{
+    if (sock_fd < 0)
+        return "closed";
+    if (stalled())
+        return "stalled";
+    if (line_pos > 0 || line_count > 0)
+        return "reading";
+    return "idle";
+}
+
 int TCPTriggerClient::idle()
 {
     if (sock_fd < 0)

@@ -1,6 +1,8 @@
 // One accepted TCP trigger connection and its line protocol.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -21,6 +23,8 @@ public:
                                ///< the waking loop's window has less left
     size_t message_bytes = 0;  ///< bytes of the current message so far, from its first character
     uint64_t last_input_us = 0;  ///< monotonic time of adoption or of the last bytes read
+    sockaddr_in peer{};        ///< the peer's address as accept() gave it, for the status
+    uint64_t messages = 0;     ///< complete messages handled
 
     TCPTriggerClient();
     /// Closes the socket if it is open; no reply is sent.
@@ -41,6 +45,9 @@ public:
     /// close_long_lines set such a line closes the connection instead, so
     /// a connection is stalled only while the setting is off.
     bool stalled() const;
+    /// "stalled" once a line reached 1024 characters, "reading" inside a
+    /// message, "idle" between messages, "closed" once the connection ended.
+    const char* state_name() const;
     /// Closes the connection, with a line naming it, when it has given the
     /// daemon nothing to read for tcp_idle_timeout_s seconds up to `now`
     /// (monotonic microseconds).  True when it closed it.

@@ -2,7 +2,6 @@
 
 #include "appliance_util.h"
 #include "config/daemon_settings.h"
-#include "trigger/tcp_peer_records.h"
 
 #include <algorithm>
 #include <cassert>
@@ -64,7 +63,6 @@ int sweep_closed_clients()
         auto current = it++;
         if (current->second.sock_fd < 0) {
             fprintf(stderr, "Dropping TCP client fd %d\n", current->first);
-            forget_tcp_peer(current->first);
             tcp_clients.erase(current);
             ++swept;
         }
@@ -166,8 +164,9 @@ void service_all_tcp_clients()
         // pass do not wait for the peer's delayed acknowledgement of the last.
         int immediately = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &immediately, sizeof(immediately));
-        tcp_clients[fd].take_fd(fd);
-        note_tcp_peer(fd, peer);
+        TCPTriggerClient& client = tcp_clients[fd];
+        client.take_fd(fd);
+        client.peer = peer;
         ++step_work;
     }
 }
@@ -176,7 +175,6 @@ void drop_all_tcp_clients()
 {
     while (!tcp_clients.empty())
         tcp_clients.erase(tcp_clients.begin());
-    tcp_peer_records.clear();
 }
 
 bool service_tcp_clients_in_window()
