@@ -129,7 +129,7 @@ extern "C" {
 
 int usleep(useconds_t usec)
 {
-    bool pass_border = usec == q9bench::pass_sleep_us;
+    bool pass_border = usec == pass_interval_us;
     if (pass_border)
         end_pass();
     timespec pause = {static_cast<time_t>(usec / 1000000), static_cast<long>(usec % 1000000) * 1000};

@@ -35,3 +35,5 @@ std::map<int, TCPTriggerClient> tcp_clients;
 std::map<std::string, ConfigurationEntry> configuration;
 std::map<std::string, MediaItemPersistence> media_persistence;
 std::map<uint64_t, CommSocketClient> server_socket_clients;
+CommandServerTotals command_server_totals;
+TcpServiceTotals tcp_service_totals;

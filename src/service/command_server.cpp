@@ -22,34 +22,27 @@ constexpr int64_t result_context_lost = 100;
 constexpr int64_t result_unknown_trigger_string = 101;
 const char* const context_lost_status = "Your client context has been lost (BUG)";
 
-/// What the last round did, for a loop that stops at a round that finds
-/// nothing.
-bool found_work = false;
-
 /// The "target" and "triggers" values of a "register" or "unregister".
 struct RegistrationPairs {
     std::optional<std::string> target;
     std::optional<std::string> triggers;
 };
 
-bool accept_new_clients()
+void accept_new_clients()
 {
-    bool accepted = false;
     while (comm_socket_v4_client* client = comm_socket_v4_accept_connection(server_socket)) {
         unsigned long index = comm_socket_v4_client_ptr2index(client);
         if (index != no_client_index)
             server_socket_clients.emplace(index, CommSocketClient());
         fputs("* new connection\n", stderr);
-        accepted = true;
+        ++command_server_totals.accepted;
     }
-    return accepted;
 }
 
 // The client's persistent media item, if it named one, stays: items belong
 // to no client.
-bool drop_disconnected_clients()
+void drop_disconnected_clients()
 {
-    bool dropped = false;
     while (comm_socket_v4_client* client = comm_socket_v4_get_disconnected_client(server_socket)) {
         unsigned long index = comm_socket_v4_client_ptr2index(client);
         if (index != no_client_index)
@@ -57,9 +50,8 @@ bool drop_disconnected_clients()
         fputs("* disconnected client\n", stderr);
         forget_send_budget(client);
         comm_socket_v4_free_client(client);
-        dropped = true;
+        ++command_server_totals.dropped;
     }
-    return dropped;
 }
 
 void prepare_reply_header(const comm_socket_v4_packet* request, comm_socket_v4_packet* reply)
@@ -204,27 +196,31 @@ void serve_request(comm_socket_v4_client* client, comm_socket_v4_packet* request
 
 int handle_server_socket()
 {
-    found_work = false;
     if (server_socket == nullptr || server_socket->fd < 0)
         return -1;
     if (comm_socket_v4_idle(server_socket) != 0)
         return -1;
-    found_work |= accept_new_clients();
-    found_work |= drop_disconnected_clients();
+    accept_new_clients();
+    drop_disconnected_clients();
     for (;;) {
         comm_socket_v4_client* client = nullptr;
         comm_socket_v4_packet* request = comm_socket_v4_server_get_packet(server_socket, &client);
         if (request == nullptr)
             return 0;
         assert(client != __null);
-        found_work = true;
+        ++command_server_totals.requests;
         serve_request(client, request);
     }
 }
 
-bool server_round_found_work()
+ServerRound serve_command_server()
 {
-    return found_work;
+    CommandServerTotals before = command_server_totals;
+    int result = handle_server_socket();
+    const CommandServerTotals& after = command_server_totals;
+    bool found_work = after.accepted != before.accepted || after.dropped != before.dropped ||
+                      after.requests != before.requests;
+    return ServerRound{result, found_work};
 }
 
 void start_persistent_media()

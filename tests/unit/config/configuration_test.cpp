@@ -1,6 +1,6 @@
 #include "config/configuration.h"
 
-#include "daemon/lifecycle.h"
+#include "daemon/main_loop.h"
 #include "daemon/process_state.h"
 #include "text.h"
 #include "fixed_paths.h"
