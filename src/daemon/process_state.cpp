@@ -11,6 +11,7 @@
 #include "fixed_paths.h"
 #include "rendermgr/channels.h"
 #include "service/command_server.h"
+#include "service/send_budget.h"
 #include "trigger/trigger_listener.h"
 
 bool force_run = false;
@@ -37,3 +38,4 @@ std::map<std::string, MediaItemPersistence> media_persistence;
 std::map<uint64_t, CommSocketClient> server_socket_clients;
 CommandServerTotals command_server_totals;
 TcpServiceTotals tcp_service_totals;
+std::vector<SendBudget> send_budgets;
