@@ -121,18 +121,27 @@ short peer_poll_events(const comm_socket_v4_client* peer)
     return peer->output.empty() ? POLLIN : POLLIN | POLLOUT;
 }
 
-comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* sock)
+namespace {
+
+// The peers a server has to tell about, oldest first; none on an endpoint
+// that is not a server.
+comm_socket_v4_client* take_peer(comm_socket_v4* sock, std::deque<comm_socket_v4_client*> ServerState::*queue)
 {
     if (sock == nullptr || !sock->state->server)
         return nullptr;
-    return take_front(sock->state->server->accepted);
+    return take_front((*sock->state->server).*queue);
+}
+
+}  // namespace
+
+comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* sock)
+{
+    return take_peer(sock, &ServerState::accepted);
 }
 
 comm_socket_v4_client* comm_socket_v4_get_disconnected_client(comm_socket_v4* sock)
 {
-    if (sock == nullptr || !sock->state->server)
-        return nullptr;
-    return take_front(sock->state->server->disconnected);
+    return take_peer(sock, &ServerState::disconnected);
 }
 
 void comm_socket_v4_disconnect_client(comm_socket_v4_client* client)
