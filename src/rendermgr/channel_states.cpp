@@ -13,15 +13,9 @@ ChannelState channel_state(const RenderManagerConnection* connection)
 
 const char* channel_state_name(ChannelState state)
 {
-    switch (state) {
-    case ChannelState::connecting:
-        return "connecting";
-    case ChannelState::open:
+    if (state == ChannelState::open)
         return "open";
-    case ChannelState::failed:
-        break;
-    }
-    return "failed";
+    return state == ChannelState::connecting ? "connecting" : "failed";
 }
 
 void note_channel_states(uint64_t now_us)

@@ -118,12 +118,9 @@ bool apply_register(CommSocketClient& client, const RegistrationPairs& pairs)
     }
     if (!pairs.triggers)
         return true;
-    if (*pairs.triggers == "*")
-        client.all_triggers = true;
-    else if (pairs.triggers->empty())
-        client.all_triggers = false;
-    else
+    if (*pairs.triggers != "*" && !pairs.triggers->empty())
         return false;
+    client.all_triggers = *pairs.triggers == "*";
     return true;
 }
 
