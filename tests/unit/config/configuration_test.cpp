@@ -1,5 +1,7 @@
 #include "config/configuration.h"
 
+#include "config_test_support.h"
+
 #include "daemon/main_loop.h"
 #include "daemon/process_state.h"
 #include "text.h"
@@ -80,13 +82,7 @@ protected:
     static void write(const std::string& content) { std::ofstream(path, std::ios::trunc) << content; }
 
     // Runs the loader; its stderr lands in `err`.
-    bool load()
-    {
-        testing::internal::CaptureStderr();
-        bool loaded = load_configuration();
-        err = testing::internal::GetCapturedStderr();
-        return loaded;
-    }
+    bool load() { return load_capturing_stderr(err); }
 
     std::string err;
 };
