@@ -36,7 +36,7 @@ using namespace q9bench;
 
 namespace {
 
-constexpr double ceiling_per_second = 10240;
+constexpr double ceiling_per_second = tcp_bytes_per_window * 1e6 / pass_interval_us;
 
 struct Options {
     int classic_triggers = 100;   // per form
