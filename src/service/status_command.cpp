@@ -8,7 +8,6 @@
 #include "rendermgr/channel_states.h"
 #include "rendermgr/channels.h"
 #include "service/command_server.h"
-#include "trigger/tcp_peer_records.h"
 #include "trigger/trigger_listener.h"
 
 #include <arpa/inet.h>
@@ -87,24 +86,29 @@ void write_configuration(PairWriter& out, const Clocks& clocks)
     out.number("config.sections", configuration.size());
 }
 
+// "ADDRESS:PORT" of the connection's peer; "unknown" when accept() gave no
+// IPv4 address.
+void format_peer(const sockaddr_in& peer, char (&text)[INET_ADDRSTRLEN + 8])
+{
+    char address[INET_ADDRSTRLEN] = "";
+    if (peer.sin_family != AF_INET || inet_ntop(AF_INET, &peer.sin_addr, address, sizeof address) == nullptr) {
+        snprintf(text, sizeof text, "unknown");
+        return;
+    }
+    snprintf(text, sizeof text, "%s:%u", address, ntohs(peer.sin_port));
+}
+
 void write_tcp_connections(PairWriter& out)
 {
     size_t position = 0;
     for (const auto& [fd, client] : tcp_clients) {
-        auto noted = tcp_peer_records.find(fd);
-        bool known = noted != tcp_peer_records.end();
-        TcpPeerRecord record = known ? noted->second : TcpPeerRecord{};
-        char peer[INET_ADDRSTRLEN + 8] = "unknown";
-        if (known) {
-            char address[INET_ADDRSTRLEN] = "";
-            inet_ntop(AF_INET, &record.peer.sin_addr, address, sizeof address);
-            snprintf(peer, sizeof peer, "%s:%u", address, ntohs(record.peer.sin_port));
-        }
+        char peer[INET_ADDRSTRLEN + 8];
+        format_peer(client.peer, peer);
         out.number(out.member("tcp", position, "fd"), static_cast<uint64_t>(fd));
         out.text(out.member("tcp", position, "peer"), peer);
-        out.text(out.member("tcp", position, "state"), tcp_client_state(client));
+        out.text(out.member("tcp", position, "state"), client.state_name());
         out.number(out.member("tcp", position, "bytes_read"), client.bytes_read);
-        out.number(out.member("tcp", position, "messages"), record.messages);
+        out.number(out.member("tcp", position, "messages"), client.messages);
         ++position;
     }
 }
@@ -128,7 +132,8 @@ void write_channels(PairWriter& out, const Clocks& clocks)
     size_t position = 0;
     for (const auto& [channel, connection] : rendermgr_conn) {
         ChannelState state = channel_state(connection);
-        uint64_t since = channel_state_since(channel, state, clocks.monotonic_us);
+        uint64_t since = connection != nullptr ? channel_state_since(*connection, state, clocks.monotonic_us)
+                                               : clocks.monotonic_us;
         out.number(out.member("channels", position, "number"), static_cast<uint64_t>(channel));
         out.text(out.member("channels", position, "state"), channel_state_name(state));
         out.number(out.member("channels", position, "since"), clocks.unix_time_of(since));

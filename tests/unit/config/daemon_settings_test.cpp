@@ -1,4 +1,6 @@
 #include "config/configuration.h"
+
+#include "config_test_support.h"
 #include "config/daemon_settings.h"
 #include "fixed_paths.h"
 
@@ -42,10 +44,7 @@ protected:
     bool load(const std::string& content)
     {
         write(content);
-        testing::internal::CaptureStderr();
-        bool loaded = load_configuration();
-        err = testing::internal::GetCapturedStderr();
-        return loaded;
+        return load_capturing_stderr(err);
     }
 
     std::string err;
