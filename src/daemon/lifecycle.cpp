@@ -12,6 +12,7 @@
 #include "daemon/signals.h"
 #include "rendermgr/channels.h"
 #include "service/send_budget.h"
+#include "service/state_file.h"
 #include "trigger/trigger_listener.h"
 
 #include <csignal>
@@ -62,6 +63,8 @@ int start_up(int argc, char** argv)
     }
     openlog("q9_korvane_xml_events_d", LOG_NDELAY, LOG_DAEMON);
     syslog(LOG_DAEMON | LOG_INFO, "Starting up\n");
+    // The kept items are in place before the first client can list them.
+    load_state_file();
     if (comm_socket_v4_create_server(server_socket, server_socket_path) != 0) {
         fprintf(stderr, "Failed to create server socket at %s\n", server_socket_path);
         return 1;

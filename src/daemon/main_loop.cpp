@@ -11,6 +11,7 @@
 #include "rendermgr/channels.h"
 #include "service/command_server.h"
 #include "service/send_budget.h"
+#include "service/state_file.h"
 #include "trigger/trigger_listener.h"
 
 #include <algorithm>
@@ -60,6 +61,7 @@ void refresh_channels_when_due(uint64_t& next_refresh_us, uint64_t now)
     next_refresh_us = after_now > after_last ? after_now : after_last;
     known_channels_update();
     connect_manage();
+    retry_state_file();
 }
 
 }  // namespace
@@ -104,6 +106,7 @@ void reload_if_requested()
     bool loaded = note_reload(load_configuration());
     if (!loaded)
         fputs("Warning: Configuration load failure\n", stderr);
+    follow_state_file_setting();
     service_manager_reloaded(loaded);
 }
 

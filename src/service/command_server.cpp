@@ -7,6 +7,7 @@
 #include "q9mi.h"
 #include "service/patient_send.h"
 #include "service/send_budget.h"
+#include "service/state_file.h"
 #include "service/status_command.h"
 
 #include <cassert>
@@ -20,7 +21,9 @@ namespace {
 constexpr unsigned long no_client_index = ~0ul;
 constexpr int64_t result_context_lost = 100;
 constexpr int64_t result_unknown_trigger_string = 101;
+constexpr int64_t result_not_saved = 102;
 const char* const context_lost_status = "Your client context has been lost (BUG)";
+const char* const not_saved_status = "Not saved to the state file";
 
 /// The "target" and "triggers" values of a "register" or "unregister".
 struct RegistrationPairs {
@@ -140,6 +143,19 @@ bool apply_unregister(CommSocketClient& client, const RegistrationPairs& pairs)
     return true;
 }
 
+// The reply goes out only once a change of the items is in the state file.
+// A change that could not be saved is served all the same and answered as
+// unsaved, so the client knows that a restart would forget it.
+void write_registration_reply(comm_socket_v4_packet* reply, const char* command, bool items_changed)
+{
+    if (items_changed && !save_state_file()) {
+        reply->result = result_not_saved;
+        write_reply(reply, command, not_saved_status);
+        return;
+    }
+    write_reply(reply, command, "OK");
+}
+
 // "register" and "unregister": only a client with a record may change it.
 void command_registration(const comm_socket_v4_packet* request, comm_socket_v4_packet* reply,
                           unsigned long index, const char* command,
@@ -151,9 +167,12 @@ void command_registration(const comm_socket_v4_packet* request, comm_socket_v4_p
         write_reply(reply, command, context_lost_status);
         return;
     }
+    // "register" only adds items and "unregister" only removes them, so
+    // the count tells whether the items changed.
+    size_t items_before = media_persistence.size();
     if (!apply(record->second, read_registration_pairs(request)))
         reject_trigger_string(reply, command);
-    write_reply(reply, command, "OK");
+    write_registration_reply(reply, command, media_persistence.size() != items_before);
 }
 
 void dispatch(comm_socket_v4_packet* request, comm_socket_v4_packet* reply, unsigned long index)

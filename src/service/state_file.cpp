@@ -70,12 +70,14 @@ void note_saved()
     state_file.unsaved_since_us = 0;
 }
 
+// A bad file that stays in place was reported when it was found; a failed
+// write is reported once, until a write succeeds.
 void note_unsaved(int error)
 {
     if (state_file.unsaved_since_us != 0)
         return;
-    fprintf(stderr, "State file %s not saved: %s\n", state_file.path.c_str(),
-            error != 0 ? strerror(error) : "a bad file is in its place");
+    if (error != 0)
+        fprintf(stderr, "State file %s not saved: %s\n", state_file.path.c_str(), strerror(error));
     state_file.unsaved_since_us = monotonic_clock_us();
 }
 

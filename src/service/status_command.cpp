@@ -8,6 +8,7 @@
 #include "rendermgr/channel_states.h"
 #include "rendermgr/channels.h"
 #include "service/command_server.h"
+#include "service/state_file.h"
 #include "trigger/trigger_listener.h"
 
 #include <arpa/inet.h>
@@ -76,6 +77,7 @@ void write_settings(PairWriter& out)
     out.number("daemon.max_message_bytes", daemon_settings.max_message_bytes);
     out.number("daemon.tcp_idle_timeout_s", daemon_settings.tcp_idle_timeout_s);
     out.number("daemon.client_send_timeout_ms", daemon_settings.client_send_timeout_ms);
+    out.text("daemon.state_file", daemon_settings.state_file.c_str());
 }
 
 void write_configuration(PairWriter& out, const Clocks& clocks)
@@ -127,6 +129,12 @@ void write_local_clients(PairWriter& out)
         out.text(out.member("items", position++, "name"), item.first.c_str());
 }
 
+void write_state_file(PairWriter& out, const Clocks& clocks)
+{
+    uint64_t since = state_unsaved_since_us();
+    out.number("state_file.unsaved_since", since == 0 ? 0 : clocks.unix_time_of(since));
+}
+
 void write_channels(PairWriter& out, const Clocks& clocks)
 {
     size_t position = 0;
@@ -169,6 +177,7 @@ void write_status_reply(comm_socket_v4_packet* reply)
     write_configuration(out, clocks);
     write_tcp_connections(out);
     write_local_clients(out);
+    write_state_file(out, clocks);
     write_channels(out, clocks);
     write_counters(out);
     comm_socket_v4_packet_write_end(reply);

@@ -167,14 +167,14 @@ TEST_F(StatusOfAKnownDaemon, ReplyNamesEveryFieldInTheDocumentedOrder)
     std::vector<std::string> expected = {
         "version", "pid", "uptime_s", "daemon.wake_on_input", "daemon.close_long_lines",
         "daemon.max_message_bytes", "daemon.tcp_idle_timeout_s", "daemon.client_send_timeout_ms",
-        "config.path", "config.loaded_at", "config.result", "config.sections"};
+        "daemon.state_file", "config.path", "config.loaded_at", "config.result", "config.sections"};
     for (const char* peer : {"tcp.0.", "tcp.1."})
         for (const char* field : {"fd", "peer", "state", "bytes_read", "messages"})
             expected.push_back(std::string(peer) + field);
     for (const char* client : {"clients.0.", "clients.1.", "clients.2."})
         for (const char* field : {"index", "listening", "target"})
             expected.push_back(std::string(client) + field);
-    expected.insert(expected.end(), {"items.0.name", "items.1.name"});
+    expected.insert(expected.end(), {"items.0.name", "items.1.name", "state_file.unsaved_since"});
     for (const char* channel : {"channels.0.", "channels.1."})
         for (const char* field : {"number", "state", "since"})
             expected.push_back(std::string(channel) + field);
@@ -267,8 +267,8 @@ TEST_F(StatusOfAKnownDaemon, CtlJsonIsOneObjectWithTypedFields)
     for (auto& [name, value] : status.items())
         members.push_back(name);
     std::sort(members.begin(), members.end());
-    EXPECT_EQ((std::vector<std::string>{"channels", "clients", "config", "counters", "daemon",
-                                        "items", "passes", "pid", "tcp", "uptime_s", "version"}),
+    EXPECT_EQ((std::vector<std::string>{"channels", "clients", "config", "counters", "daemon", "items",
+                                        "passes", "pid", "state_file", "tcp", "uptime_s", "version"}),
               members);
     EXPECT_EQ(q9_version, status["version"]);
     EXPECT_EQ(daemon_->pid(), status["pid"].get<int>());

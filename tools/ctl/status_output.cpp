@@ -36,6 +36,7 @@ const Field kTypedFields[] = {
     {"tcp.*.messages", Kind::number},
     {"clients.*.index", Kind::number},
     {"clients.*.listening", Kind::flag},
+    {"state_file.unsaved_since", Kind::number},
     {"channels.*.number", Kind::number},
     {"channels.*.since", Kind::number},
     {"counters.triggers", Kind::number},
@@ -50,8 +51,8 @@ const Field kTypedFields[] = {
     {"passes.slowest_work_us", Kind::number},
 };
 
-const char* const kTopLevel[] = {"version", "pid",     "uptime_s", "daemon",   "config",  "tcp",
-                                 "clients", "items",   "channels", "counters", "passes"};
+const char* const kTopLevel[] = {"version", "pid",   "uptime_s",   "daemon",   "config",   "tcp",
+                                 "clients", "items", "state_file", "channels", "counters", "passes"};
 const char* const kLists[] = {"tcp", "clients", "items", "channels"};
 // More list members than any daemon has; a larger position is kept as a
 // plain name rather than growing an array to it.
@@ -278,13 +279,26 @@ std::string clients_section(const Json& status)
            table({{"INDEX", true}, {"LISTENING", false}, {"LAST TARGET", false}}, rows);
 }
 
+// Where the items are kept, when a state file keeps them.
+std::string state_file_line(const Json& status)
+{
+    const Json& kept_in = member(member(status, "daemon"), "state_file");
+    if (!kept_in.is_string() || kept_in.get<std::string>().empty())
+        return "";
+    std::string path = kept_in.get<std::string>();
+    const Json& since = member(member(status, "state_file"), "unsaved_since");
+    if (count_of(since) == 0)
+        return "  kept in " + quote_if_needed(path) + "\n";
+    return "  NOT SAVED to " + quote_if_needed(path) + " since " + utc_time(since) + "\n";
+}
+
 std::string items_section(const Json& status)
 {
     std::vector<std::vector<std::string>> rows;
     for (const Json& item : member(status, "items"))
         rows.push_back({quote_if_needed(text_of(member(item, "name")))});
     return "\nPersistent media items: " + std::to_string(rows.size()) + "\n" +
-           table({{"NAME", false}}, rows);
+           table({{"NAME", false}}, rows) + state_file_line(status);
 }
 
 std::string channels_section(const Json& status)

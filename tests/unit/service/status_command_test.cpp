@@ -84,7 +84,7 @@ TEST_F(StatusCommandTest, IdleDaemonHasHeaderCountersAndNoListMembers)
     EXPECT_EQ(configuration_path, fields["config.path"]);
     EXPECT_EQ("failed", fields["config.result"]) << "nothing loaded yet";
     EXPECT_EQ("false", fields["daemon.wake_on_input"]);
-    EXPECT_EQ(22u, names.size());
+    EXPECT_EQ(24u, names.size());
     EXPECT_EQ("passes.slowest_work_us", names.back());
 }
 
