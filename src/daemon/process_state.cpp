@@ -12,6 +12,7 @@
 #include "rendermgr/channels.h"
 #include "service/command_server.h"
 #include "service/send_budget.h"
+#include "service/state_file.h"
 #include "trigger/trigger_listener.h"
 
 bool force_run = false;
@@ -39,3 +40,4 @@ std::map<uint64_t, CommSocketClient> server_socket_clients;
 CommandServerTotals command_server_totals;
 TcpServiceTotals tcp_service_totals;
 std::vector<SendBudget> send_budgets;
+StateFileRecord state_file;

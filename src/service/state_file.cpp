@@ -13,15 +13,6 @@
 
 namespace {
 
-/// Where the items are saved, and how far the file is behind them.
-struct StateFileRecord {
-    std::string path;               ///< the file the items go to; "" none
-    uint64_t unsaved_since_us = 0;  ///< first change not in the file; 0: all saved
-    bool bad_file_in_place = false; ///< a bad file that could not be moved aside yet
-};
-
-StateFileRecord state_file;
-
 std::vector<std::string> item_names()
 {
     std::vector<std::string> names;
@@ -134,14 +125,4 @@ void follow_state_file_setting()
     state_file = StateFileRecord();
     state_file.path = daemon_settings.state_file;
     save_state_file();
-}
-
-uint64_t state_unsaved_since_us()
-{
-    return state_file.unsaved_since_us;
-}
-
-const std::string& state_file_in_use()
-{
-    return state_file.path;
 }

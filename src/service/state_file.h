@@ -9,6 +9,17 @@
 #include <cstdint>
 #include <string>
 
+/// Where the persistent media items are saved, and how far the file is
+/// behind them.
+struct StateFileRecord {
+    std::string path;                ///< the file the items go to; "": none
+    uint64_t unsaved_since_us = 0;   ///< first change not in the file; 0: all saved
+    bool bad_file_in_place = false;  ///< a bad file that could not be moved aside yet
+};
+
+/// The state file in use.
+extern StateFileRecord state_file;
+
 /// Adds the items kept in the state file that the settings name to
 /// media_persistence.  A missing file holds no items and says nothing.  A
 /// file that cannot be read or holds a malformed line is reported in one
@@ -20,7 +31,7 @@ void load_state_file();
 /// a temporary file in the same directory, synced, renamed over the old one,
 /// and the directory synced.  True when the items are saved or no state file
 /// is set.  False when the write failed: the items stay in memory as they
-/// are, state_unsaved_since_us() says since when, and every later call
+/// are, the record says since when, and every later call
 /// tries again.
 bool save_state_file();
 
@@ -30,10 +41,3 @@ void retry_state_file();
 /// After a configuration load: a state file named anew gets the items in
 /// memory.  The items in memory are never replaced by a reload.
 void follow_state_file_setting();
-
-/// The monotonic time since which a change of the items is not in the state
-/// file, or 0 when everything is saved.
-uint64_t state_unsaved_since_us();
-
-/// The state file the items are saved to, or "" when none.
-const std::string& state_file_in_use();

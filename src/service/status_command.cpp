@@ -131,7 +131,7 @@ void write_local_clients(PairWriter& out)
 
 void write_state_file(PairWriter& out, const Clocks& clocks)
 {
-    uint64_t since = state_unsaved_since_us();
+    uint64_t since = state_file.unsaved_since_us;
     out.number("state_file.unsaved_since", since == 0 ? 0 : clocks.unix_time_of(since));
 }
 

@@ -114,7 +114,7 @@ TEST_F(StateFile, ASaveWritesEveryItemInNameOrderAndLeavesNoTemporaryFile)
     EXPECT_EQ(read_file(path), std::string(version_line) + "item a\nitem b\n");
     EXPECT_FALSE(path_exists(path + ".new"));
     EXPECT_EQ(err, "");
-    EXPECT_EQ(state_unsaved_since_us(), 0u);
+    EXPECT_EQ(state_file.unsaved_since_us, 0u);
 }
 
 TEST_F(StateFile, WithoutAStateFileNothingIsWritten)
@@ -123,7 +123,7 @@ TEST_F(StateFile, WithoutAStateFileNothingIsWritten)
     media_persistence["a"];
     EXPECT_TRUE(save());
     EXPECT_FALSE(path_exists(path));
-    EXPECT_EQ(state_file_in_use(), "");
+    EXPECT_EQ(state_file.path, "");
 }
 
 TEST_F(StateFile, AMalformedFileIsMovedAsideAndItsGoodLinesKept)
@@ -165,20 +165,20 @@ TEST_F(StateFile, AFailedWriteKeepsTheItemsSaysSoOnceAndIsTriedAgain)
     media_persistence["a"];
     EXPECT_FALSE(save());
     EXPECT_EQ(err, "State file " + path + " not saved: Is a directory\n");
-    uint64_t since = state_unsaved_since_us();
+    uint64_t since = state_file.unsaved_since_us;
     EXPECT_NE(since, 0u);
 
     media_persistence["b"];
     EXPECT_FALSE(save());
     EXPECT_EQ(err, "");
-    EXPECT_EQ(state_unsaved_since_us(), since);
+    EXPECT_EQ(state_file.unsaved_since_us, since);
     EXPECT_EQ(items(), (std::vector<std::string>{"a", "b"}));
 
     ASSERT_EQ(rmdir((path + ".new").c_str()), 0);
     testing::internal::CaptureStderr();
     retry_state_file();
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "State file " + path + " saved again\n");
-    EXPECT_EQ(state_unsaved_since_us(), 0u);
+    EXPECT_EQ(state_file.unsaved_since_us, 0u);
     EXPECT_EQ(read_file(path), std::string(version_line) + "item a\nitem b\n");
 }
 
@@ -195,7 +195,7 @@ TEST_F(StateFile, AStateFileNamedAnewGetsTheItemsInMemory)
     std::string other = directory + "/other";
     write_file(other, std::string(version_line) + "item never loaded\n");
     use(other);
-    EXPECT_EQ(state_file_in_use(), other);
+    EXPECT_EQ(state_file.path, other);
     EXPECT_EQ(read_file(other), std::string(version_line) + "item a\n");
     EXPECT_EQ(items(), std::vector<std::string>{"a"});
 }
