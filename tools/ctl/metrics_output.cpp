@@ -192,8 +192,9 @@ void add_counters(Exposition& out, const Json& status)
     for (const CounterSource& counter : kCounters)
         add_count(out, counter.family, status_member(status_member(status, counter.group), counter.field));
     Samples refusals;
-    for (const auto& [reason, value] : status_member(status, "refusals").items())
-        if (std::optional<uint64_t> count = count_in(value))
+    const Json& refused = status_member(status, "refusals");
+    for (const auto& [reason, value] : refused.items())
+        if (std::optional<uint64_t> count = count_in(value); count && refused.is_object())
             refusals.push_back({{{"reason", reason}}, std::to_string(*count)});
     out.add(kRefusals, refusals);
     if (std::optional<uint64_t> slowest = count_in(status_member(status_member(status, "passes"), "slowest_work_us")))
