@@ -1,5 +1,5 @@
 #!/bin/bash
-# tests/package/package_test.sh
+# tests/package/package_test.sh [OUTDIR]
 #
 # Builds both Debian packages with scripts/package and checks them:
 #   - lintian finds no error and no warning;
@@ -16,6 +16,9 @@
 # reaches the machine itself.  No service manager runs in it, as in an
 # image build, so what needs a running systemd (start, restart on upgrade,
 # stop) is not exercised here.
+# The packages are left in OUTDIR when it is given (scripts/test installs
+# the same ones in the booted-container test); otherwise they go with the
+# scratch root.
 # Needs root.  Exit status: 0 when every check passed, 1 otherwise.
 set -eu
 
@@ -40,29 +43,23 @@ export PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin
 work=$(mktemp -d /tmp/q9-package-test.XXXXXX)
 mount -t tmpfs q9-package-test "$work"
 trap 'umount -R "$work"; rmdir "$work"' EXIT
+out=$work/out
+if [ $# -gt 0 ]; then
+    mkdir -p "$1"
+    out=$(cd "$1" && pwd)
+fi
 
-passes=0
-failures=0
-check() {
-    local what=$1
-    shift
-    if "$@"; then
-        echo "ok: $what"
-        passes=$((passes + 1))
-    else
-        echo "FAIL: $what"
-        failures=$((failures + 1))
-    fi
-}
+# shellcheck source=tests/support/checks.sh
+. "$top/tests/support/checks.sh"
 
 echo "== build"
-if ! "$top/scripts/package" "$work/out" >"$work/package.log" 2>&1; then
+if ! "$top/scripts/package" "$out" >"$work/package.log" 2>&1; then
     tail -n 60 "$work/package.log"
     echo "FAIL: scripts/package"
     exit 1
 fi
-daemon_deb=$(ls "$work"/out/q9-korvane-xml-events-d_*.deb)
-sim_deb=$(ls "$work"/out/q9-appliance-sim_*.deb)
+daemon_deb=$(ls "$out"/q9-korvane-xml-events-d_*.deb)
+sim_deb=$(ls "$out"/q9-appliance-sim_*.deb)
 version=$(sed -n 's/^project(q9_korvane_xml_events_d VERSION \([0-9.]*\).*/\1/p' "$top/CMakeLists.txt")
 check "the packages carry the project's version $version" \
     [ "$(dpkg-deb -f "$daemon_deb" Version) $(dpkg-deb -f "$sim_deb" Version)" = "$version $version" ]
