@@ -100,9 +100,9 @@ int run_metrics(const CtlInvocation& invocation)
     }
     ExpositionFormat format =
         invocation.openmetrics ? ExpositionFormat::OpenMetrics : ExpositionFormat::Prometheus;
-    std::string text = status == CTL_EXIT_OK
-                           ? format_metrics(status_object(reply.get()), static_cast<uint64_t>(time(nullptr)), format)
-                           : format_metrics_without_daemon(format);
+    uint64_t now = static_cast<uint64_t>(time(nullptr));
+    std::string text = status == CTL_EXIT_OK ? format_metrics(status_object(reply.get()), now, format)
+                                             : format_metrics_without_daemon(format);
     if (invocation.output.empty()) {
         fputs(text.c_str(), stdout);
         return status;

@@ -30,16 +30,18 @@ const MetricFamily kTcpConnections = {"tcp_connections", MetricType::Gauge, null
                                       "Open TCP trigger connections by state."};
 const MetricFamily kTcpPlaces = {"tcp_connection_places", MetricType::Gauge, nullptr,
                                  "TCP trigger connections the daemon serves at once."};
-const MetricFamily kLocalClients = {"local_clients", MetricType::Gauge, nullptr,
-                                    "Connected local clients of the command service, the asking one included."};
+const MetricFamily kLocalClients = {
+    "local_clients", MetricType::Gauge, nullptr,
+    "Connected local clients of the command service, the asking one included."};
 const MetricFamily kListeners = {"local_listeners", MetricType::Gauge, nullptr,
                                  "Local clients registered for a notification of every trigger."};
 const MetricFamily kItems = {"persistent_media_items", MetricType::Gauge, nullptr,
                              "Persistent media items that every trigger starts."};
 const MetricFamily kChannels = {"channels", MetricType::Gauge, nullptr,
                                 "Render-manager channels by state of their connection."};
-const MetricFamily kChannelOpen = {"channel_open", MetricType::Gauge, nullptr,
-                                   "Whether the connection to the render-manager channel is open (1) or not (0)."};
+const MetricFamily kChannelOpen = {
+    "channel_open", MetricType::Gauge, nullptr,
+    "Whether the connection to the render-manager channel is open (1) or not (0)."};
 const MetricFamily kSlowestPass = {"slowest_pass_work_seconds", MetricType::Gauge, "seconds",
                                    "The longest work of one main loop pass since start, its sleep left out."};
 const MetricFamily kRefusals = {"refusals", MetricType::Counter, nullptr,
@@ -197,7 +199,8 @@ void add_counters(Exposition& out, const Json& status)
         if (std::optional<uint64_t> count = count_in(value); count && refused.is_object())
             refusals.push_back({{{"reason", reason}}, std::to_string(*count)});
     out.add(kRefusals, refusals);
-    if (std::optional<uint64_t> slowest = count_in(status_member(status_member(status, "passes"), "slowest_work_us")))
+    const Json& passes = status_member(status, "passes");
+    if (std::optional<uint64_t> slowest = count_in(status_member(passes, "slowest_work_us")))
         out.add(kSlowestPass, seconds_of_us(*slowest));
 }
 
