@@ -9,7 +9,6 @@
 
 #include <gtest/gtest.h>
 
-#include <regex>
 #include <set>
 
 namespace {
@@ -304,10 +303,11 @@ TEST(CtlMetricsFormat, EveryMetricTheAlertRulesReadIsWritten)
 {
     std::string rules = q9test::read_file(Q9_SOURCE_DIR "/packaging/q9_korvane_xml_events_d.rules.yml");
     std::set<std::string> names = written_sample_names();
-    std::regex metric("q9_korvane_xml_events_[a-z_]+");
     size_t read = 0;
-    for (auto it = std::sregex_iterator(rules.begin(), rules.end(), metric); it != std::sregex_iterator(); ++it) {
-        std::string name = it->str();
+    for (size_t at = rules.find(kMetricsPrefix); at != std::string::npos; at = rules.find(kMetricsPrefix, at)) {
+        size_t end = rules.find_first_not_of("abcdefghijklmnopqrstuvwxyz_", at + std::string(kMetricsPrefix).size());
+        std::string name = rules.substr(at, end - at);
+        at = end;
         if (name == "q9_korvane_xml_events_d" || name.compare(0, 24, "q9_korvane_xml_events_d_") == 0)
             continue;  // the daemon and its units, named in the texts
         ++read;
