@@ -9,7 +9,7 @@
 #   - install, upgrade, remove and purge run without error in a scratch
 #     root: the operator's edit of the conffile survives the upgrade and the
 #     removal, the purge takes it away, the unit is enabled on install and
-#     forgotten on purge.
+#     forgotten on purge; the metrics timer is installed but not enabled.
 # The scratch root is an overlay of this machine's / in a private mount
 # namespace, written to a tmpfs: dpkg runs the maintainer scripts there
 # (chrooted) with this machine's tools and package database, and nothing
@@ -80,13 +80,17 @@ echo "== contents"
 files_of() {
     dpkg-deb -c "$1" | awk '$1 !~ /^d/ { print $6 }' | sort
 }
-check "the daemon's package holds the daemon, the client, the unit, the conffile" \
+check "the daemon's package holds the daemon, the client, the units, the conffile, the monitoring guide" \
     [ "$(files_of "$daemon_deb")" = "./etc/q9_korvane_xml_events_d.toml
 ./lib/systemd/system/q9_korvane_xml_events_d.service
+./lib/systemd/system/q9_korvane_xml_events_d_metrics.service
+./lib/systemd/system/q9_korvane_xml_events_d_metrics.timer
 ./usr/bin/q9_korvane_xml_events_ctl
 ./usr/sbin/q9_korvane_xml_events_d
 ./usr/share/doc/q9-korvane-xml-events-d/changelog.gz
 ./usr/share/doc/q9-korvane-xml-events-d/copyright
+./usr/share/doc/q9-korvane-xml-events-d/monitoring.md.gz
+./usr/share/doc/q9-korvane-xml-events-d/q9_korvane_xml_events_d.rules.yml
 ./usr/share/man/man1/q9_korvane_xml_events_ctl.1.gz
 ./usr/share/man/man8/q9_korvane_xml_events_d.8.gz" ]
 check "the simulator's package holds the simulator only" \
@@ -103,6 +107,14 @@ check "the conffile is the example configuration" \
     cmp -s "$work/files/etc/q9_korvane_xml_events_d.toml" "$top/packaging/q9_korvane_xml_events_d.toml"
 check "the unit names the packaged daemon" \
     grep -qx 'ExecStart=/usr/sbin/q9_korvane_xml_events_d' "$work/files/lib/systemd/system/q9_korvane_xml_events_d.service"
+check "the metrics service runs the packaged client into the node exporter's folder" \
+    grep -qx 'ExecStart=/usr/bin/q9_korvane_xml_events_ctl metrics --output /var/lib/prometheus/node-exporter/q9_korvane_xml_events_d.prom' \
+    "$work/files/lib/systemd/system/q9_korvane_xml_events_d_metrics.service"
+check "the alert rules are shipped as they are in the source" \
+    cmp -s "$work/files/usr/share/doc/q9-korvane-xml-events-d/q9_korvane_xml_events_d.rules.yml" \
+    "$top/packaging/q9_korvane_xml_events_d.rules.yml"
+check "the package suggests the node exporter" \
+    [ "$(dpkg-deb -f "$daemon_deb" Suggests)" = prometheus-node-exporter ]
 check "the maintainer scripts go through deb-systemd-helper and restart on upgrade" \
     grep -q '_dh_action=restart' <(control_file "$daemon_deb" postinst)
 check "the maintainer scripts never call systemctl to enable, start or stop" \
@@ -121,6 +133,7 @@ status_of() {
 }
 conffile=$root/etc/q9_korvane_xml_events_d.toml
 wants=$root/etc/systemd/system/multi-user.target.wants/q9_korvane_xml_events_d.service
+timer_wants=$root/etc/systemd/system/timers.target.wants/q9_korvane_xml_events_d_metrics.timer
 edit='# kept by the operator'
 
 check "install runs without error" dpkg_in_root -i "$daemon_deb" "$sim_deb"
@@ -130,6 +143,7 @@ check "the daemon is in place" [ -x "$root/usr/sbin/q9_korvane_xml_events_d" ]
 check "the simulator is in place" [ -x "$root/usr/bin/q9_appliance_sim" ]
 check "the conffile is in place" cmp -s "$conffile" "$top/packaging/q9_korvane_xml_events_d.toml"
 check "the unit is enabled" [ "$(readlink "$wants")" = /lib/systemd/system/q9_korvane_xml_events_d.service ]
+check "the metrics timer is not enabled" [ ! -L "$timer_wants" ]
 
 echo "$edit" >>"$conffile"
 dpkg-deb -R "$daemon_deb" "$work/next"
@@ -139,6 +153,7 @@ check "upgrade runs without error or question" dpkg_in_root -i "$work/next.deb"
 check "the upgrade is installed" [ "$(status_of q9-korvane-xml-events-d)" = "ii $version+next" ]
 check "the operator's conffile is kept on upgrade" [ "$(tail -n 1 "$conffile")" = "$edit" ]
 check "the unit stays enabled on upgrade" [ -L "$wants" ]
+check "the metrics timer stays off on upgrade" [ ! -L "$timer_wants" ]
 
 check "removal runs without error" dpkg_in_root -r q9-korvane-xml-events-d q9-appliance-sim
 check "the programs are gone" \
