@@ -101,7 +101,8 @@ TEST_F(MetricsOfAKnownDaemon, ValuesAreThoseOfStatusJsonTakenAroundThem)
             {"build_info{version=\"" + after["version"].get<std::string>() + "\"}", 1},
             {"settings_info{client_send_timeout_ms=\"" + settings["client_send_timeout_ms"].dump() +
                  "\",close_long_lines=\"" + settings["close_long_lines"].dump() + "\",max_message_bytes=\"" +
-                 settings["max_message_bytes"].dump() + "\",tcp_idle_timeout_s=\"" +
+                 settings["max_message_bytes"].dump() + "\",state_file=" + settings["state_file"].dump() +
+                 ",tcp_idle_timeout_s=\"" +
                  settings["tcp_idle_timeout_s"].dump() + "\",wake_on_input=\"" +
                  settings["wake_on_input"].dump() + "\"}",
              1},
@@ -111,6 +112,7 @@ TEST_F(MetricsOfAKnownDaemon, ValuesAreThoseOfStatusJsonTakenAroundThem)
             {"local_clients", after["clients"].size()},
             {"local_listeners", 2},
             {"persistent_media_items", after["items"].size()},
+            {"items_unsaved_seconds", 0},
             {"triggers_total", counters["triggers"]},
             {"notifies_sent_total", counters["notifies_sent"]},
             {"item_starts_total", counters["item_starts"]},

@@ -37,6 +37,9 @@ const MetricFamily kListeners = {"local_listeners", MetricType::Gauge, nullptr,
                                  "Local clients registered for a notification of every trigger."};
 const MetricFamily kItems = {"persistent_media_items", MetricType::Gauge, nullptr,
                              "Persistent media items that every trigger starts."};
+const MetricFamily kItemsUnsaved = {
+    "items_unsaved_seconds", MetricType::Gauge, "seconds",
+    "Seconds since a change of the persistent media items is not in the state file; 0 when it holds them all."};
 const MetricFamily kChannels = {"channels", MetricType::Gauge, nullptr,
                                 "Render-manager channels by state of their connection."};
 const MetricFamily kChannelOpen = {
@@ -178,6 +181,17 @@ void add_connections(Exposition& out, const Json& status)
     out.add(kItems, std::to_string(status_member(status, "items").size()));
 }
 
+// Only a daemon that reports its state file has the figure; without a
+// state file it stays 0.
+void add_state_file(Exposition& out, const Json& status, uint64_t now_unix)
+{
+    std::optional<uint64_t> since = count_in(status_member(status_member(status, "state_file"), "unsaved_since"));
+    if (!since)
+        return;
+    uint64_t unsaved_s = *since == 0 ? 0 : now_unix - std::min(*since, now_unix);
+    out.add(kItemsUnsaved, std::to_string(unsaved_s));
+}
+
 void add_channels(Exposition& out, const Json& status)
 {
     const Json& channels = status_member(status, "channels");
@@ -212,6 +226,7 @@ std::string format_metrics(const nlohmann::ordered_json& status, uint64_t now_un
     add_process(out, status);
     add_configuration(out, status, now_unix);
     add_connections(out, status);
+    add_state_file(out, status, now_unix);
     add_channels(out, status);
     add_counters(out, status);
     return out.text();

@@ -275,11 +275,11 @@ std::string clients_section(const Json& status)
 // Where the items are kept, when a state file keeps them.
 std::string state_file_line(const Json& status)
 {
-    const Json& kept_in = member(member(status, "daemon"), "state_file");
+    const Json& kept_in = status_member(status_member(status, "daemon"), "state_file");
     if (!kept_in.is_string() || kept_in.get<std::string>().empty())
         return "";
     std::string path = kept_in.get<std::string>();
-    const Json& since = member(member(status, "state_file"), "unsaved_since");
+    const Json& since = status_member(status_member(status, "state_file"), "unsaved_since");
     if (count_of(since) == 0)
         return "  kept in " + quote_if_needed(path) + "\n";
     return "  NOT SAVED to " + quote_if_needed(path) + " since " + utc_time(since) + "\n";
