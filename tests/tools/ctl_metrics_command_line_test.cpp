@@ -3,6 +3,10 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <utility>
+#include <vector>
+
 namespace {
 
 TEST(CtlMetricsCommandLine, MetricsAsksForStatusAndTakesItsOptions)
@@ -24,24 +28,20 @@ TEST(CtlMetricsCommandLine, MetricsAsksForStatusAndTakesItsOptions)
 
 TEST(CtlMetricsCommandLine, MistakesAreUsageErrors)
 {
-    CtlInvocation invocation;
-    std::string text;
-    EXPECT_EQ(ParseOutcome::UsageError, parse_command_line({"metrics", "--json"}, &invocation, &text));
-    EXPECT_EQ("q9_korvane_xml_events_ctl: metrics: unknown option '--json'\n"
-              "Try 'q9_korvane_xml_events_ctl metrics --help'.\n",
-              text);
-    EXPECT_EQ(ParseOutcome::UsageError, parse_command_line({"metrics", "--output"}, &invocation, &text));
-    EXPECT_EQ("q9_korvane_xml_events_ctl: metrics: option --output needs a value\n"
-              "Try 'q9_korvane_xml_events_ctl metrics --help'.\n",
-              text);
-    EXPECT_EQ(ParseOutcome::UsageError, parse_command_line({"metrics", "--output="}, &invocation, &text));
-    EXPECT_EQ("q9_korvane_xml_events_ctl: metrics: --output must not be empty\n"
-              "Try 'q9_korvane_xml_events_ctl metrics --help'.\n",
-              text);
-    EXPECT_EQ(ParseOutcome::UsageError, parse_command_line({"metrics", "file.prom"}, &invocation, &text));
-    EXPECT_EQ("q9_korvane_xml_events_ctl: metrics: unexpected argument 'file.prom'\n"
-              "Try 'q9_korvane_xml_events_ctl metrics --help'.\n",
-              text);
+    const std::pair<std::vector<std::string>, const char*> mistakes[] = {
+        {{"metrics", "--json"}, "unknown option '--json'"},
+        {{"metrics", "--output"}, "option --output needs a value"},
+        {{"metrics", "--output="}, "--output must not be empty"},
+        {{"metrics", "file.prom"}, "unexpected argument 'file.prom'"},
+    };
+    for (const auto& [args, message] : mistakes) {
+        CtlInvocation invocation;
+        std::string text;
+        EXPECT_EQ(ParseOutcome::UsageError, parse_command_line(args, &invocation, &text)) << message;
+        EXPECT_EQ(std::string("q9_korvane_xml_events_ctl: metrics: ") + message +
+                      "\nTry 'q9_korvane_xml_events_ctl metrics --help'.\n",
+                  text);
+    }
 }
 
 TEST(CtlMetricsCommandLine, HelpNamesTheOptions)

@@ -50,30 +50,23 @@ std::string quoted_label_value(const std::string& value)
     return quoted + "\"";
 }
 
-const char* type_name(MetricType type)
-{
-    switch (type) {
-    case MetricType::Counter:
-        return "counter";
-    case MetricType::Gauge:
-        return "gauge";
-    case MetricType::Info:
-        return "info";
-    }
-    return "unknown";
-}
+/// How a type is spelled in "# TYPE" and at the end of its samples' names.
+struct TypeSpelling {
+    const char* name;
+    const char* sample_suffix;
+};
 
-const char* sample_suffix(MetricType type)
+TypeSpelling spelling_of(MetricType type)
 {
     switch (type) {
     case MetricType::Counter:
-        return "_total";
+        return {"counter", "_total"};
     case MetricType::Info:
-        return "_info";
+        return {"info", "_info"};
     case MetricType::Gauge:
         break;
     }
-    return "";
+    return {"gauge", ""};
 }
 
 }  // namespace
@@ -91,14 +84,14 @@ void Exposition::add(const MetricFamily& family,
 {
     if (samples.empty())
         return;
-    std::string sample_name = prefix_ + family.name + sample_suffix(family.type);
+    std::string sample_name = prefix_ + family.name + spelling_of(family.type).sample_suffix;
     if (format_ == ExpositionFormat::Prometheus) {
         text_ += "# HELP " + sample_name + " " + family.help + "\n";
-        const char* type = family.type == MetricType::Info ? "gauge" : type_name(family.type);
+        const char* type = family.type == MetricType::Info ? "gauge" : spelling_of(family.type).name;
         text_ += "# TYPE " + sample_name + " " + type + "\n";
     } else {
         std::string name = prefix_ + family.name;
-        text_ += "# TYPE " + name + " " + type_name(family.type) + "\n";
+        text_ += "# TYPE " + name + " " + spelling_of(family.type).name + "\n";
         if (family.unit)
             text_ += "# UNIT " + name + " " + family.unit + "\n";
         text_ += "# HELP " + name + " " + family.help + "\n";
