@@ -18,6 +18,13 @@ protected:
         CommTest::TearDown();
         unlink(TEST_SOCKET);
     }
+
+    /// Makes `server` a fresh endpoint and has it adopt `fd`; whether it did.
+    bool adopt(int fd)
+    {
+        server = comm_socket_v4_create();
+        return fd >= 0 && comm_socket_v4_adopt_server(server, fd) == 0;
+    }
 };
 
 const Message REQUEST{"test", "", {}, {}};
@@ -32,6 +39,18 @@ bool socket_file_at(const char* path)
 {
     struct stat file;
     return lstat(path, &file) == 0 && S_ISSOCK(file.st_mode);
+}
+
+// A Unix socket of `type` bound at TEST_SOCKET that does not listen, or -1.
+int bound_unix_socket(int type)
+{
+    int fd = socket(AF_UNIX, type | SOCK_CLOEXEC, 0);
+    sockaddr_un address = address_of(TEST_SOCKET);
+    if (bind(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0) {
+        close(fd);
+        return -1;
+    }
+    return fd;
 }
 
 // What stays refused leaves the endpoint as fresh as it was: it can still
@@ -49,9 +68,7 @@ void expect_refused_and_endpoint_fresh(int fd)
 TEST_F(AdoptServerTest, PeersAreAcceptedAndServed)
 {
     int listening = raw_listen(TEST_SOCKET, 16);
-    ASSERT_GE(listening, 0);
-    server = comm_socket_v4_create();
-    ASSERT_EQ(0, comm_socket_v4_adopt_server(server, listening));
+    ASSERT_TRUE(adopt(listening));
     EXPECT_EQ(listening, server->fd);
 
     comm_socket_v4_client* peer = nullptr;
@@ -70,20 +87,18 @@ TEST_F(AdoptServerTest, PeersWaitingBeforeTheAdoptionAreAccepted)
     ASSERT_GE(listening, 0);
     int early = raw_connect(TEST_SOCKET);
     ASSERT_GE(early, 0);
-    server = comm_socket_v4_create();
-    ASSERT_EQ(0, comm_socket_v4_adopt_server(server, listening));
+    ASSERT_TRUE(adopt(listening));
     EXPECT_NE(nullptr, accept_peer());
     close(early);
 }
 
 TEST_F(AdoptServerTest, DescriptorBecomesNonBlockingAndCloseOnExec)
 {
-    int listening = socket(AF_UNIX, SOCK_STREAM, 0);
-    sockaddr_un address = address_of(TEST_SOCKET);
-    ASSERT_EQ(0, bind(listening, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+    int listening = bound_unix_socket(SOCK_STREAM);
+    ASSERT_GE(listening, 0);
+    ASSERT_EQ(0, fcntl(listening, F_SETFD, 0));
     ASSERT_EQ(0, listen(listening, 4));
-    server = comm_socket_v4_create();
-    ASSERT_EQ(0, comm_socket_v4_adopt_server(server, listening));
+    ASSERT_TRUE(adopt(listening));
     EXPECT_NE(0, fcntl(listening, F_GETFL) & O_NONBLOCK);
     EXPECT_NE(0, fcntl(listening, F_GETFD) & FD_CLOEXEC);
     // A non-blocking listener: with nobody waiting the idle call returns.
@@ -98,8 +113,7 @@ TEST_F(AdoptServerTest, DestroyClosesTheDescriptorAndKeepsTheSocketFile)
     int managers = raw_listen(TEST_SOCKET, 16);
     ASSERT_GE(managers, 0);
     int handed = dup(managers);
-    server = comm_socket_v4_create();
-    ASSERT_EQ(0, comm_socket_v4_adopt_server(server, handed));
+    ASSERT_TRUE(adopt(handed));
     connect_client();
     server = comm_socket_v4_destroy(server);
     EXPECT_FALSE(descriptor_open(handed));
@@ -113,9 +127,7 @@ TEST_F(AdoptServerTest, DestroyClosesTheDescriptorAndKeepsTheSocketFile)
 TEST_F(AdoptServerTest, CloseKeepsTheSocketFileAndReportsThePeers)
 {
     int listening = raw_listen(TEST_SOCKET, 16);
-    ASSERT_GE(listening, 0);
-    server = comm_socket_v4_create();
-    ASSERT_EQ(0, comm_socket_v4_adopt_server(server, listening));
+    ASSERT_TRUE(adopt(listening));
     comm_socket_v4_client* peer = nullptr;
     connect_client(&peer);
     comm_socket_v4_close(server);
@@ -128,18 +140,16 @@ TEST_F(AdoptServerTest, CloseKeepsTheSocketFileAndReportsThePeers)
 
 TEST_F(AdoptServerTest, SocketThatDoesNotListenIsRefused)
 {
-    int bound = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address = address_of(TEST_SOCKET);
-    ASSERT_EQ(0, bind(bound, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+    int bound = bound_unix_socket(SOCK_STREAM);
+    ASSERT_GE(bound, 0);
     expect_refused_and_endpoint_fresh(bound);
     close(bound);
 }
 
 TEST_F(AdoptServerTest, DatagramSocketIsRefused)
 {
-    int datagram = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_un address = address_of(TEST_SOCKET);
-    ASSERT_EQ(0, bind(datagram, reinterpret_cast<sockaddr*>(&address), sizeof(address)));
+    int datagram = bound_unix_socket(SOCK_DGRAM);
+    ASSERT_GE(datagram, 0);
     expect_refused_and_endpoint_fresh(datagram);
     close(datagram);
 }
