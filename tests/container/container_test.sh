@@ -59,6 +59,12 @@ contains() {
 journal_has() {
     in_container journalctl -u "$unit" -o cat | grep -qxF "$1"
 }
+# daemon_says REGEX: the daemon wrote a line that matches it whole.  By
+# the daemon's name: while systemd logs at debug level, the first lines of
+# a daemon's standard error can reach the journal without the unit's name.
+daemon_says() {
+    in_container journalctl -t q9_korvane_xml_events_d -o cat | grep -qxE "$1"
+}
 # eventually COMMAND...: the command succeeds within 10 s (the journal is
 # written a moment after the event).
 eventually() {
@@ -87,10 +93,13 @@ check "dpkg -i installs both packages" container_install
 check "the install started the socket unit" [ "$(socket_property ActiveState)" = active ]
 check "the install started the unit" [ "$(unit_property ActiveState)" = active ]
 socket_invocation=$(socket_property InvocationID)
-check "the daemon serves the socket unit's TCP listener" eventually journal_has \
-    "Handed-over fd 3 ($socket_unit) is the trigger listener: IPv4 stream socket 0.0.0.0:9876, listening"
-check "the daemon serves the socket unit's command socket" eventually journal_has \
-    "Handed-over fd 4 ($socket_unit) is the command server's socket: Unix stream socket /run/q9_korvane_xml_events_d.service, listening"
+# The descriptors come in the service manager's order, which is not the
+# daemon's concern.
+check "the daemon serves the socket unit's TCP listener" eventually daemon_says \
+    "Handed-over fd [34] \\($socket_unit\\) is the trigger listener: IPv4 stream socket 0\\.0\\.0\\.0:9876, listening"
+check "the daemon serves the socket unit's command socket" eventually daemon_says \
+    "Handed-over fd [34] \\($socket_unit\\) is the command server's socket: Unix stream socket /run/q9_korvane_xml_events_d\\.service, listening"
+in_container journalctl -t q9_korvane_xml_events_d -o cat | grep '^Handed-over' | sed 's/^/   /'
 check "the unit's status line is the daemon's, after start-up" \
     starts_with "$(unit_property StatusText)" "Running; event sections 2; "
 # File times come from a clock that may lag by a tick, never lead.
@@ -146,10 +155,13 @@ stream_checks() {
 }
 # What the socket unit promises for one restart: the port stays open, and a
 # trigger waits for the new daemon, not longer.
+at_most() {
+    awk -v value="$1" -v limit="$2" 'BEGIN { exit !(value <= limit) }'
+}
 socket_unit_checks() {
     check "$1: no trigger was refused" [ "$(stream_value refused)" = 0 ]
     check "$1: no trigger waited longer than the restart ($restart_ms ms) plus 1 s" \
-        [ "$(stream_value longest_wait_ms)" -le $((restart_ms + 1000)) ]
+        at_most "$(stream_value longest_wait_ms)" $((restart_ms + 1000))
 }
 
 echo "== systemctl restart, a trigger every 10 ms on new connections"
@@ -193,7 +205,7 @@ echo "== one kept connection, a trigger every 10 ms, across systemctl restart, t
 in_container systemctl reset-failed "$unit"
 stream_start --every-ms 10 --kept
 kept_back=0
-wait_for_handled 20 || kept_back=1
+wait_for_more_handled 20 || kept_back=1
 for kind in restart watchdog kill; do
     in_container systemctl reset-failed "$unit"
     old=$(unit_property MainPID)
@@ -201,7 +213,7 @@ for kind in restart watchdog kill; do
     disturb "$kind" || kept_back=1
     wait_for_new_daemon "$old" "$watchdog_limit" || kept_back=1
     stream_window close
-    wait_for_handled 20 || kept_back=1
+    wait_for_more_handled 20 || kept_back=1
 done
 stream_stop
 check "kept connection: the daemon came back after each restart" [ "$kept_back" = 0 ]
