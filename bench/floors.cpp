@@ -1,5 +1,7 @@
 #include "floors.h"
 
+#include "daemon/pass_limits.h"
+
 #include <netinet/in.h>
 #include <poll.h>
 #include <sched.h>
@@ -72,7 +74,7 @@ int bound_port(int listener)
 [[noreturn]] void sleep_as_classic()
 {
     for (;;)
-        usleep(250000);
+        usleep(pass_interval_us);
 }
 
 [[noreturn]] void sleep_as_waking()

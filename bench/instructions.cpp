@@ -10,6 +10,7 @@
 // its units of work.  Only user-space instructions are counted: the kernel's
 // work in the system calls is not.
 #include "command_line.h"
+#include "daemon/pass_limits.h"
 #include "peers.h"
 #include "probes.h"
 #include "stats.h"
@@ -80,7 +81,7 @@ int main(int argc, char** argv)
 {
     int idle_passes = static_cast<int>(option(argc, argv, "idle-passes", 20));
     Table table({"workload", "passes", "instructions", "per unit", "unit"});
-    Count idle = count_instructions("idle", [&] { sleep_ms(idle_passes * 250.0); });
+    Count idle = count_instructions("idle", [&] { sleep_ms(idle_passes * pass_interval_us / 1000.0); });
     double per_idle_pass = idle.passes ? static_cast<double>(idle.instructions) / idle.passes : 0;
     table.add({"idle", grouped(idle.passes), grouped(idle.instructions), fixed(per_idle_pass, 0),
                "pass"});
@@ -90,11 +91,12 @@ int main(int argc, char** argv)
                    unit + " (idle passes subtracted)"});
     };
 
-    const int blank_bytes = 10240;
+    // Four passes' worth, and a fifth pass to take the last of it.
+    const int blank_bytes = 4 * tcp_bytes_per_window;
     Count blank = count_instructions("blank", [&] {
         TriggerConnection connection;
         send_and_collect(connection, std::string(blank_bytes, '\n'), 0, 120e6);
-        sleep_ms(5 * 250.0);
+        sleep_ms(5 * pass_interval_us / 1000.0);
     });
     add("10,240 bytes of blank lines on one connection", blank, blank_bytes, "byte read");
 

@@ -9,6 +9,7 @@
 // the counts are taken right at a border, while the daemon sleeps and reads
 // nothing, so bytes per pass are exact.
 #include "command_line.h"
+#include "daemon/pass_limits.h"
 #include "peers.h"
 #include "probes.h"
 #include "stats.h"
@@ -20,8 +21,8 @@ using namespace q9bench;
 
 namespace {
 
-constexpr double ceiling_per_pass = 2560;
-constexpr double ceiling_per_second = 10240;
+constexpr double ceiling_per_pass = tcp_bytes_per_window;
+constexpr double ceiling_per_second = ceiling_per_pass * 1e6 / pass_interval_us;
 
 struct Load {
     const char* name;

@@ -16,6 +16,7 @@
 // the waking daemon keeps as the classic one does, so no trigger waits for a
 // budget window.
 #include "command_line.h"
+#include "daemon/pass_limits.h"
 #include "floors.h"
 #include "peers.h"
 #include "probes.h"
@@ -35,7 +36,7 @@ using namespace q9bench;
 
 namespace {
 
-constexpr double ceiling_per_second = 10240;
+constexpr double ceiling_per_second = tcp_bytes_per_window * 1e6 / pass_interval_us;
 
 struct Options {
     int classic_triggers = 100;   // per form
@@ -62,7 +63,7 @@ struct Figures {
 std::vector<double> gaps_of(const Mode& mode, int count, unsigned seed)
 {
     std::mt19937 random(seed);
-    std::uniform_real_distribution<double> classic(0, 250000), waking(2000, 8000);
+    std::uniform_real_distribution<double> classic(0, pass_interval_us), waking(2000, 8000);
     std::vector<double> gaps;
     for (int i = 0; i < count; ++i)
         gaps.push_back(mode.waking ? waking(random) : classic(random));

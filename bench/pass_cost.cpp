@@ -12,6 +12,7 @@
 // pass (four clock reads) is part of what it measures; the difference of the
 // two idle rows shows how much that is.
 #include "command_line.h"
+#include "daemon/pass_limits.h"
 #include "peers.h"
 #include "probes.h"
 #include "stats.h"
@@ -76,7 +77,7 @@ std::vector<std::string> idle_unprobed(uint64_t passes_measured)
     PassWindow window;
     ProcUsage before = proc_usage(daemon.pid());
     double start = now_us();
-    sleep_ms(passes_measured * 250.0);
+    sleep_ms(passes_measured * pass_interval_us / 1000.0);
     ProcUsage after = proc_usage(daemon.pid());
     window.elapsed_us = now_us() - start;
     window.usage.runtime_ns = after.runtime_ns - before.runtime_ns;

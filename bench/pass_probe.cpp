@@ -38,15 +38,9 @@ namespace {
 PassProbeData early;
 PassProbeData* data = &early;
 
-struct PassStart {
-    uint64_t cpu_ns = 0;
-    uint64_t wall_ns = 0;
-    uint64_t allocations = 0;
-    uint64_t bytes = 0;
-    uint64_t receives = 0;
-    bool valid = false;
-};
-PassStart pass_start;
+// The figures at the start of the pass under way, once one has started.
+PassRecord pass_start{};
+bool pass_started = false;
 
 uint64_t clock_ns(clockid_t clock)
 {
@@ -100,7 +94,7 @@ void end_pass()
 {
     uint64_t cpu = clock_ns(CLOCK_THREAD_CPUTIME_ID);
     uint64_t wall = clock_ns(CLOCK_MONOTONIC);
-    if (!pass_start.valid)
+    if (!pass_started)
         return;
     uint64_t index = data->passes % q9bench::pass_ring_size;
     PassRecord& record = data->ring[index];
@@ -120,7 +114,7 @@ void begin_pass()
     pass_start.receives = data->receives;
     pass_start.wall_ns = clock_ns(CLOCK_MONOTONIC);
     pass_start.cpu_ns = clock_ns(CLOCK_THREAD_CPUTIME_ID);
-    pass_start.valid = true;
+    pass_started = true;
 }
 
 }  // namespace
@@ -129,7 +123,7 @@ extern "C" {
 
 int usleep(useconds_t usec)
 {
-    bool pass_border = usec == q9bench::pass_sleep_us;
+    bool pass_border = usec == pass_interval_us;
     if (pass_border)
         end_pass();
     timespec pause = {static_cast<time_t>(usec / 1000000), static_cast<long>(usec % 1000000) * 1000};

@@ -8,14 +8,14 @@
 // how much of each a pass did.
 #pragma once
 
+#include "daemon/pass_limits.h"
+
 #include <cstdint>
 
 namespace q9bench {
 
 /// Environment variable naming the file that the probe maps.
 constexpr const char* pass_probe_env = "Q9_PASS_PROBE";
-/// The sleep of the daemon's main loop, in microseconds.
-constexpr unsigned pass_sleep_us = 250000;
 /// Passes kept in the ring of per-pass records.
 constexpr uint64_t pass_ring_size = 16384;
 

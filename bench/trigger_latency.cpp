@@ -17,6 +17,7 @@
 // notifies, and both arrive in the daemon's order, so the k-th start belongs
 // to the trigger of the k-th notify.
 #include "command_line.h"
+#include "daemon/pass_limits.h"
 #include "peers.h"
 #include "probes.h"
 #include "stats.h"
@@ -36,7 +37,7 @@ using namespace q9bench;
 namespace {
 
 constexpr int connections = 4;
-constexpr double pass_us = 250000;
+constexpr double pass_us = pass_interval_us;
 
 struct Options {
     int triggers = 1000;        // per form, one in flight per connection

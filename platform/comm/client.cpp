@@ -148,11 +148,9 @@ int client_idle(comm_socket_v4* sock)
 
 comm_socket_v4_packet* comm_socket_v4_client_get_packet_from_server(comm_socket_v4* sock)
 {
-    if (sock == nullptr || !sock->state->client || sock->state->client->received.empty())
+    if (sock == nullptr || !sock->state->client)
         return nullptr;
-    comm_socket_v4_packet* packet = sock->state->client->received.front();
-    sock->state->client->received.pop_front();
-    return packet;
+    return take_front(sock->state->client->received);
 }
 
 int comm_socket_v4_packet_send_to_server(comm_socket_v4* sock, comm_socket_v4_packet* packet)

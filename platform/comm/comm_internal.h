@@ -16,6 +16,17 @@
 #include <utility>
 #include <vector>
 
+/// Takes the front of `queue` out of it; `none` when the queue is empty.
+template <typename T>
+T take_front(std::deque<T>& queue, T none = T())
+{
+    if (queue.empty())
+        return none;
+    T front = std::move(queue.front());
+    queue.pop_front();
+    return front;
+}
+
 /// Frames taken from one connection per idle call at most, so that a peer
 /// that keeps sending cannot hold the caller's loop.
 constexpr int FRAMES_PER_IDLE = 64;

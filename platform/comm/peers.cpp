@@ -121,22 +121,27 @@ short peer_poll_events(const comm_socket_v4_client* peer)
     return peer->output.empty() ? POLLIN : POLLIN | POLLOUT;
 }
 
+namespace {
+
+// The peers a server has to tell about, oldest first; none on an endpoint
+// that is not a server.
+comm_socket_v4_client* take_peer(comm_socket_v4* sock, std::deque<comm_socket_v4_client*> ServerState::*queue)
+{
+    if (sock == nullptr || !sock->state->server)
+        return nullptr;
+    return take_front((*sock->state->server).*queue);
+}
+
+}  // namespace
+
 comm_socket_v4_client* comm_socket_v4_accept_connection(comm_socket_v4* sock)
 {
-    if (sock == nullptr || !sock->state->server || sock->state->server->accepted.empty())
-        return nullptr;
-    comm_socket_v4_client* peer = sock->state->server->accepted.front();
-    sock->state->server->accepted.pop_front();
-    return peer;
+    return take_peer(sock, &ServerState::accepted);
 }
 
 comm_socket_v4_client* comm_socket_v4_get_disconnected_client(comm_socket_v4* sock)
 {
-    if (sock == nullptr || !sock->state->server || sock->state->server->disconnected.empty())
-        return nullptr;
-    comm_socket_v4_client* peer = sock->state->server->disconnected.front();
-    sock->state->server->disconnected.pop_front();
-    return peer;
+    return take_peer(sock, &ServerState::disconnected);
 }
 
 void comm_socket_v4_disconnect_client(comm_socket_v4_client* client)
@@ -169,11 +174,10 @@ unsigned long comm_socket_v4_client_ptr2index(comm_socket_v4_client* client)
 comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* sock,
                                                         comm_socket_v4_client** client)
 {
-    if (sock == nullptr || !sock->state->server || sock->state->server->requests.empty())
+    if (sock == nullptr || !sock->state->server)
         return nullptr;
-    auto request = sock->state->server->requests.front();
-    sock->state->server->requests.pop_front();
-    if (client != nullptr)
+    auto request = take_front(sock->state->server->requests, {nullptr, nullptr});
+    if (client != nullptr && request.second != nullptr)
         *client = request.first;
     return request.second;
 }

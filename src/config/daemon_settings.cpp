@@ -70,8 +70,21 @@ void read_count(const cpptoml::table& table, const char* key, uint64_t& setting)
     setting = static_cast<uint64_t>(*number);
 }
 
-const char* const known_keys[] = {"wake_on_input", "close_long_lines", "max_message_bytes",
-                                  "tcp_idle_timeout_s", "client_send_timeout_ms"};
+void read_text(const cpptoml::table& table, const char* key, std::string& setting)
+{
+    std::shared_ptr<cpptoml::base> node = toml_table_get(table, key);
+    if (!node)
+        return;
+    if (const char* text = toml_get_the_damn_string(node)) {
+        setting = text;
+        return;
+    }
+    fprintf(stderr, "Warning: [daemon] %s = %s is not a string, keeping \"%s\"\n", key,
+            describe(node).c_str(), setting.c_str());
+}
+
+const char* const known_keys[] = {"wake_on_input",      "close_long_lines",       "max_message_bytes",
+                                  "tcp_idle_timeout_s", "client_send_timeout_ms", "state_file"};
 
 // The library keeps a table's keys unordered; sorted, the warnings come in
 // the same order at every load.
@@ -90,9 +103,11 @@ void report(const DaemonSettings& settings)
 {
     fprintf(stderr,
             "Daemon settings: wake_on_input = %s, close_long_lines = %s, max_message_bytes = %" PRIu64
-            ", tcp_idle_timeout_s = %" PRIu64 ", client_send_timeout_ms = %" PRIu64 "\n",
+            ", tcp_idle_timeout_s = %" PRIu64 ", client_send_timeout_ms = %" PRIu64
+            ", state_file = \"%s\"\n",
             text_of(settings.wake_on_input), text_of(settings.close_long_lines),
-            settings.max_message_bytes, settings.tcp_idle_timeout_s, settings.client_send_timeout_ms);
+            settings.max_message_bytes, settings.tcp_idle_timeout_s, settings.client_send_timeout_ms,
+            settings.state_file.c_str());
 }
 
 }  // namespace
@@ -102,7 +117,7 @@ bool DaemonSettings::operator==(const DaemonSettings& other) const
     return wake_on_input == other.wake_on_input && close_long_lines == other.close_long_lines &&
            max_message_bytes == other.max_message_bytes &&
            tcp_idle_timeout_s == other.tcp_idle_timeout_s &&
-           client_send_timeout_ms == other.client_send_timeout_ms;
+           client_send_timeout_ms == other.client_send_timeout_ms && state_file == other.state_file;
 }
 
 DaemonSettings read_daemon_settings(const cpptoml::table& root)
@@ -122,6 +137,7 @@ DaemonSettings read_daemon_settings(const cpptoml::table& root)
     read_count(table, "max_message_bytes", settings.max_message_bytes);
     read_count(table, "tcp_idle_timeout_s", settings.tcp_idle_timeout_s);
     read_count(table, "client_send_timeout_ms", settings.client_send_timeout_ms);
+    read_text(table, "state_file", settings.state_file);
     report_unknown_keys(table);
     report(settings);
     return settings;

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
 /// The settings of the [daemon] table.  Each default leaves the classic
 /// behaviour untouched.
@@ -16,6 +17,7 @@ struct DaemonSettings {
     uint64_t max_message_bytes = 0;       ///< a longer TCP message closes its connection; 0: no limit
     uint64_t tcp_idle_timeout_s = 0;      ///< a TCP connection silent this long is closed; 0: never
     uint64_t client_send_timeout_ms = 0;  ///< a local client not taking a packet this long is dropped; 0: never
+    std::string state_file;               ///< where the persistent media items are kept; "": nowhere
 
     bool operator==(const DaemonSettings& other) const;
 };

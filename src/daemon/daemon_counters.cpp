@@ -1,7 +1,6 @@
 #include "daemon/daemon_counters.h"
 
 #include "appliance_util.h"
-#include "rendermgr/channel_states.h"
 
 DaemonCounters::DaemonCounters() : started_us(monotonic_clock_us()) {}
 
@@ -35,5 +34,4 @@ void note_pass(uint64_t started_us, uint64_t ended_us, uint64_t slept_us)
     ++daemon_counters.passes;
     if (work > daemon_counters.slowest_pass_work_us)
         daemon_counters.slowest_pass_work_us = work;
-    note_channel_states(ended_us);
 }

@@ -35,6 +35,5 @@ bool note_reload(bool loaded);
 /// result (0 delivered, anything else not).
 void note_item_start(int result);
 /// Counts one pass of the main loop that ran from `started_us` to
-/// `ended_us` (monotonic) and slept `slept_us` of that time, and notes the
-/// state the pass left each render-manager channel in.
+/// `ended_us` (monotonic) and slept `slept_us` of that time.
 void note_pass(uint64_t started_us, uint64_t ended_us, uint64_t slept_us);

@@ -1,26 +1,31 @@
-// The waking main loop (`wake_on_input`): instead of sleeping a fixed 250 ms,
-// a pass waits until something needs the daemon, and the classic limits of
-// a pass hold per window of 250 ms however many passes the window holds.
+// The wait of the waking main loop (`wake_on_input`): instead of sleeping a
+// fixed interval, a pass waits until something needs the daemon.  The
+// limits of a classic pass hold per window of one interval, however many
+// passes the window holds.
 #pragma once
 
+#include <poll.h>
+
 #include <cstdint>
+#include <vector>
 
-/// Length of a budget window: one classic pass.
-constexpr uint64_t input_window_us = 250000;
-/// Command-server rounds that find work, per window: the ten calls of a
-/// classic pass.
-constexpr int server_rounds_per_window = 10;
+/// The budget window the passes of the main loop share, and what the wait
+/// keeps from pass to pass.
+struct PassWindow {
+    uint64_t end_us = 0;           ///< when the window ends (monotonic)
+    int server_rounds = 0;         ///< command-server rounds in it that found work
+    bool server_unusable = false;  ///< the last round found no usable endpoint
+    /// What the wait watches; kept so that a wait allocates nothing once it
+    /// has grown to the number of peers.
+    std::vector<pollfd> watched;
+};
 
+/// Starts a new window at `now_us` (monotonic): no round and no TCP byte
+/// counted in it yet.
+void open_window(PassWindow& window, uint64_t now_us);
 /// Waits in one poll for a connection or bytes at the TCP listener or a
 /// connection with budget left, the command server or a channel; for a
-/// signal; or until `next_refresh` (monotonic microseconds) or, while a
-/// budget is spent, the end of the window.  Opens a new window first when the
-/// current one has ended.  Returns at once when a signal is already counted.
-void wait_for_input(uint64_t next_refresh);
-/// The command-server steps of a waking pass: up to ten rounds, ending at
-/// the first that finds nothing or when the window has had its ten rounds
-/// that found work.
-void serve_command_server_in_window();
-/// The TCP steps of a waking pass: up to ten, ending at the first that finds
-/// nothing; each connection reads at most its window's budget.
-void serve_tcp_clients_in_window();
+/// signal; or until `wake_by` (monotonic microseconds) or, while a budget is
+/// spent, the end of the window.  Opens a new window first when the current
+/// one has ended.  Returns at once when a signal is already counted.
+void wait_for_input(PassWindow& window, uint64_t wake_by);

@@ -3,21 +3,19 @@
 #include "appliance_util.h"
 #include "comm_socket_v4.h"
 #include "config/configuration.h"
-#include "config/daemon_settings.h"
 #include "daemon/command_line.h"
 #include "daemon/daemon_counters.h"
 #include "daemon/handed_sockets.h"
-#include "daemon/input_wait.h"
 #include "daemon/instance_guard.h"
+#include "daemon/main_loop.h"
 #include "daemon/process_state.h"
 #include "daemon/service_manager.h"
 #include "daemon/signals.h"
 #include "rendermgr/channels.h"
-#include "service/command_server.h"
 #include "service/send_budget.h"
+#include "service/state_file.h"
 #include "trigger/trigger_listener.h"
 
-#include <algorithm>
 #include <csignal>
 #include <cstdio>
 #include <sys/stat.h>
@@ -25,10 +23,6 @@
 #include <unistd.h>
 
 namespace {
-
-constexpr uint64_t channel_refresh_interval_us = 5000000;
-constexpr useconds_t pass_sleep_us = 250000;
-constexpr int calls_per_pass = 10;
 
 // Start-up steps up to the main loop.  A failure writes its message and
 // yields the exit status; nothing made before it is undone, the process exit
@@ -73,6 +67,8 @@ int start_up(int argc, char** argv)
     }
     openlog("q9_korvane_xml_events_d", LOG_NDELAY, LOG_DAEMON);
     syslog(LOG_DAEMON | LOG_INFO, "Starting up\n");
+    // The kept items are in place before the first client can list them.
+    load_state_file();
     if (command_server_listen(server_socket) != 0) {
         fprintf(stderr, "Failed to create server socket at %s\n", server_socket_path);
         return 1;
@@ -102,44 +98,6 @@ int start_up(int argc, char** argv)
     return -1;
 }
 
-// One pass of the main loop.  The channel refresh runs on the first pass
-// too, right after the one at start-up: the second finds every endpoint in
-// place and attempts nothing twice.  The mode is taken once per pass, so a
-// reload inside the pass changes it from the next one on.
-void main_loop_pass(uint64_t& next_refresh)
-{
-    bool waking = daemon_settings.wake_on_input;
-    open_send_budgets();
-    uint64_t now = monotonic_clock_us();
-    if (now >= next_refresh) {
-        uint64_t after_now = now + channel_refresh_interval_us;
-        uint64_t after_last = next_refresh + channel_refresh_interval_us;
-        next_refresh = after_now > after_last ? after_now : after_last;
-        known_channels_update();
-        connect_manage();
-    }
-    service_manager_pass(now);
-    uint64_t sleep_start = monotonic_clock_us();
-    // A waiting loop wakes for the watchdog's keep-alive as well.
-    if (waking)
-        wait_for_input(std::min(next_refresh, service_manager_watchdog_due_us()));
-    else
-        usleep(pass_sleep_us);
-    uint64_t sleep_end = monotonic_clock_us();
-    reload_if_requested();
-    connect_idle();
-    if (waking) {
-        serve_command_server_in_window();
-        serve_tcp_clients_in_window();
-    } else {
-        for (int i = 0; i < calls_per_pass; ++i)
-            handle_server_socket();
-        for (int i = 0; i < calls_per_pass; ++i)
-            service_all_tcp_clients();
-    }
-    note_pass(now, monotonic_clock_us(), sleep_end - sleep_start);
-}
-
 // The ordered stop: the command server first (its clients are not told),
 // then the TCP side, then the channels.
 void stop()
@@ -160,36 +118,14 @@ void stop()
 
 }  // namespace
 
-void reload_if_requested()
-{
-    if (reload_config <= 0)
-        return;
-    // SIGHUP is held back only while the count is reported and cleared; one
-    // arriving meanwhile is delivered at the unblock and reloads next pass.
-    sigset_t hangup;
-    sigemptyset(&hangup);
-    sigaddset(&hangup, SIGHUP);
-    sigprocmask(SIG_BLOCK, &hangup, nullptr);
-    fputs("Reloading config, SIGHUP\n", stderr);
-    reload_config = 0;
-    sigprocmask(SIG_UNBLOCK, &hangup, nullptr);
-
-    service_manager_reloading();
-    configuration.clear();
-    bool loaded = note_reload(load_configuration());
-    if (!loaded)
-        fputs("Warning: Configuration load failure\n", stderr);
-    service_manager_reloaded(loaded);
-}
-
 int run_daemon(int argc, char** argv)
 {
     int status = start_up(argc, argv);
     if (status >= 0)
         return status;
-    uint64_t next_refresh = 0;
+    MainLoop loop;
     while (DIEsig == 0)
-        main_loop_pass(next_refresh);
+        main_loop_pass(loop);
     stop();
     return 0;
 }

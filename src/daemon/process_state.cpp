@@ -8,11 +8,11 @@
 #include "config/configuration.h"
 #include "config/daemon_settings.h"
 #include "daemon/daemon_counters.h"
-#include "rendermgr/channel_states.h"
 #include "fixed_paths.h"
 #include "rendermgr/channels.h"
 #include "service/command_server.h"
-#include "trigger/tcp_peer_records.h"
+#include "service/send_budget.h"
+#include "service/state_file.h"
 #include "trigger/trigger_listener.h"
 
 bool force_run = false;
@@ -32,10 +32,12 @@ DaemonCounters daemon_counters;
 std::vector<int> sel_channels;
 std::vector<int> known_channels;
 std::map<int, RenderManagerConnection*> rendermgr_conn;
-std::map<int, ChannelStateRecord> channel_states;
 std::string configuration_path = default_configuration_path;
 std::map<int, TCPTriggerClient> tcp_clients;
-std::map<int, TcpPeerRecord> tcp_peer_records;
 std::map<std::string, ConfigurationEntry> configuration;
 std::map<std::string, MediaItemPersistence> media_persistence;
 std::map<uint64_t, CommSocketClient> server_socket_clients;
+CommandServerTotals command_server_totals;
+TcpServiceTotals tcp_service_totals;
+std::vector<SendBudget> send_budgets;
+StateFileRecord state_file;

@@ -13,38 +13,28 @@ ChannelState channel_state(const RenderManagerConnection* connection)
 
 const char* channel_state_name(ChannelState state)
 {
-    switch (state) {
-    case ChannelState::connecting:
-        return "connecting";
-    case ChannelState::open:
+    if (state == ChannelState::open)
         return "open";
-    case ChannelState::failed:
-        break;
-    }
-    return "failed";
+    return state == ChannelState::connecting ? "connecting" : "failed";
 }
 
-// Both maps are ordered by channel, so one walk over both does it.
 void note_channel_states(uint64_t now_us)
 {
-    auto noted = channel_states.begin();
-    for (const auto& [channel, connection] : rendermgr_conn) {
-        while (noted != channel_states.end() && noted->first < channel)
-            noted = channel_states.erase(noted);
+    for (const auto& entry : rendermgr_conn) {
+        RenderManagerConnection* connection = entry.second;
+        if (connection == nullptr)
+            continue;
         ChannelState state = channel_state(connection);
-        if (noted == channel_states.end() || noted->first != channel)
-            noted = channel_states.emplace_hint(noted, channel, ChannelStateRecord{state, now_us});
-        else if (noted->second.state != state)
-            noted->second = ChannelStateRecord{state, now_us};
-        ++noted;
+        ChannelStateNote& noted = connection->noted_state;
+        if (noted.since_us == 0 || noted.state != state)
+            noted = ChannelStateNote{state, now_us};
     }
-    channel_states.erase(noted, channel_states.end());
 }
 
-uint64_t channel_state_since(int channel, ChannelState state, uint64_t now_us)
+uint64_t channel_state_since(const RenderManagerConnection& connection, ChannelState state, uint64_t now_us)
 {
-    auto noted = channel_states.find(channel);
-    if (noted == channel_states.end() || noted->second.state != state)
+    const ChannelStateNote& noted = connection.noted_state;
+    if (noted.since_us == 0 || noted.state != state)
         return now_us;
-    return noted->second.since_us;
+    return noted.since_us;
 }

@@ -1,12 +1,12 @@
-// Since when each render-manager channel has been in its present state, for
-// the operator's status view.  The main loop notes the states at the end of
-// every pass; nothing in the daemon's own behaviour reads them.
+// A render-manager channel's connection as the operator's status view shows
+// it, and since when it has been so.  Each connection record keeps its own
+// note; the main loop refreshes the notes at the end of every pass, and
+// nothing in the daemon's own behaviour reads them.
 #pragma once
 
-#include "rendermgr/render_manager_connection.h"
-
 #include <cstdint>
-#include <map>
+
+class RenderManagerConnection;
 
 /// A channel's connection as the operator sees it.
 enum class ChannelState {
@@ -16,23 +16,20 @@ enum class ChannelState {
                  ///< the next refresh tries again
 };
 
-/// The state noted for one channel and the monotonic time it was first seen.
-struct ChannelStateRecord {
-    ChannelState state;
-    uint64_t since_us;
+/// The state last noted for one channel and the monotonic time it was first
+/// seen; kept in the channel's connection record.
+struct ChannelStateNote {
+    ChannelState state = ChannelState::failed;
+    uint64_t since_us = 0;  ///< 0 until the first note
 };
-
-/// Noted states by channel number; follows `rendermgr_conn` pass by pass.
-extern std::map<int, ChannelStateRecord> channel_states;
 
 /// The present state of `connection` (failed for a null record).
 ChannelState channel_state(const RenderManagerConnection* connection);
 /// "connecting", "open" or "failed".
 const char* channel_state_name(ChannelState state);
-/// Brings `channel_states` in line with `rendermgr_conn`: a new channel or a
-/// changed state is noted with `now_us`, a channel gone is forgotten.  Takes
-/// no memory unless a channel appeared.
+/// Notes the state of every record of `rendermgr_conn`: a new record or a
+/// changed state is noted with `now_us`.  Takes no memory.
 void note_channel_states(uint64_t now_us);
-/// Since when `channel` has been in `state`: the noted time, or `now_us` when
-/// the change happened after the last note.
-uint64_t channel_state_since(int channel, ChannelState state, uint64_t now_us);
+/// Since when `connection` has been in `state`: the noted time, or `now_us`
+/// when the change happened after the last note.
+uint64_t channel_state_since(const RenderManagerConnection& connection, ChannelState state, uint64_t now_us);

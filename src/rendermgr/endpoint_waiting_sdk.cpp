@@ -1,15 +1,10 @@
 #include "rendermgr/endpoint_waiting.h"
 
 #include "appliance_util.h"
+#include "daemon/pass_limits.h"
 
 #include <algorithm>
 #include <poll.h>
-
-namespace {
-
-constexpr uint64_t classic_pass_us = 250000;
-
-}  // namespace
 
 // The appliance's own library does not tell which descriptors it serves
 // beyond the endpoint's own socket (a server's clients among them), so the
@@ -20,5 +15,5 @@ void append_endpoint_descriptors(comm_socket_v4* sock, std::vector<pollfd>& fds,
         short events = (sock->connect_pending & 1U) != 0 ? POLLIN | POLLOUT : POLLIN;
         fds.push_back(pollfd{sock->fd, events, 0});
     }
-    wake_at = std::min(wake_at, monotonic_clock_us() + classic_pass_us);
+    wake_at = std::min(wake_at, monotonic_clock_us() + pass_interval_us);
 }

@@ -7,6 +7,13 @@
 #include <cassert>
 #include <cstdio>
 
+// The constructor's assertion also formats the channel's path: a build
+// without assertions would hand the metadata look-up an unformatted buffer.
+// The daemon's assertions are part of its behaviour, so no build drops them.
+#ifdef NDEBUG
+#error "the daemon keeps its assertions: build it without NDEBUG"
+#endif
+
 namespace {
 
 // Every way a connection ends goes through here: close before destroy, and

@@ -2,6 +2,7 @@
 #pragma once
 
 #include "comm_socket_v4.h"
+#include "rendermgr/channel_states.h"
 
 #include <cstdint>
 #include <string>
@@ -15,6 +16,7 @@ public:
     std::string socket_path;         ///< the channel's socket file, fixed at construction
     int channel;                     ///< channel number
     bool open = false;               ///< "connection open" was reported and not yet closed
+    ChannelStateNote noted_state;    ///< the state the status view last noted, and since when
 
     /// Builds `socket_path` from the channel's metadata directory.
     explicit RenderManagerConnection(int channel);

@@ -7,6 +7,7 @@
 #include "q9mi.h"
 #include "service/patient_send.h"
 #include "service/send_budget.h"
+#include "service/state_file.h"
 #include "service/status_command.h"
 
 #include <cassert>
@@ -20,11 +21,9 @@ namespace {
 constexpr unsigned long no_client_index = ~0ul;
 constexpr int64_t result_context_lost = 100;
 constexpr int64_t result_unknown_trigger_string = 101;
+constexpr int64_t result_not_saved = 102;
 const char* const context_lost_status = "Your client context has been lost (BUG)";
-
-/// What the last round did, for a loop that stops at a round that finds
-/// nothing.
-bool found_work = false;
+const char* const not_saved_status = "Not saved to the state file";
 
 /// The "target" and "triggers" values of a "register" or "unregister".
 struct RegistrationPairs {
@@ -32,24 +31,21 @@ struct RegistrationPairs {
     std::optional<std::string> triggers;
 };
 
-bool accept_new_clients()
+void accept_new_clients()
 {
-    bool accepted = false;
     while (comm_socket_v4_client* client = comm_socket_v4_accept_connection(server_socket)) {
         unsigned long index = comm_socket_v4_client_ptr2index(client);
         if (index != no_client_index)
             server_socket_clients.emplace(index, CommSocketClient());
         fputs("* new connection\n", stderr);
-        accepted = true;
+        ++command_server_totals.accepted;
     }
-    return accepted;
 }
 
 // The client's persistent media item, if it named one, stays: items belong
 // to no client.
-bool drop_disconnected_clients()
+void drop_disconnected_clients()
 {
-    bool dropped = false;
     while (comm_socket_v4_client* client = comm_socket_v4_get_disconnected_client(server_socket)) {
         unsigned long index = comm_socket_v4_client_ptr2index(client);
         if (index != no_client_index)
@@ -57,9 +53,8 @@ bool drop_disconnected_clients()
         fputs("* disconnected client\n", stderr);
         forget_send_budget(client);
         comm_socket_v4_free_client(client);
-        dropped = true;
+        ++command_server_totals.dropped;
     }
-    return dropped;
 }
 
 void prepare_reply_header(const comm_socket_v4_packet* request, comm_socket_v4_packet* reply)
@@ -116,54 +111,68 @@ void reject_trigger_string(comm_socket_v4_packet* reply, const char* command)
     write_reply(reply, command, "Unknown trigger string");
 }
 
-void command_register(const comm_socket_v4_packet* request, comm_socket_v4_packet* reply,
-                      unsigned long index)
+// What "register" asks of the sender's record; false for an unknown
+// trigger string, after the target was applied all the same.
+bool apply_register(CommSocketClient& client, const RegistrationPairs& pairs)
 {
-    auto record = server_socket_clients.find(index);
-    if (record == server_socket_clients.end()) {
-        reply->result = result_context_lost;
-        write_reply(reply, "register", context_lost_status);
-        return;
-    }
-    RegistrationPairs pairs = read_registration_pairs(request);
     if (pairs.target) {
         media_persistence.emplace(*pairs.target, MediaItemPersistence());
-        record->second.target = *pairs.target;
+        client.target = *pairs.target;
     }
-    if (pairs.triggers) {
-        if (*pairs.triggers == "*")
-            record->second.all_triggers = true;
-        else if (pairs.triggers->empty())
-            record->second.all_triggers = false;
-        else
-            reject_trigger_string(reply, "register");
-    }
-    write_reply(reply, "register", "OK");
+    if (!pairs.triggers)
+        return true;
+    if (*pairs.triggers != "*" && !pairs.triggers->empty())
+        return false;
+    client.all_triggers = *pairs.triggers == "*";
+    return true;
 }
 
 // Unlike "register", an empty triggers value leaves the flag alone: only "*"
 // withdraws a client from the notifications.
-void command_unregister(const comm_socket_v4_packet* request, comm_socket_v4_packet* reply,
-                        unsigned long index)
+bool apply_unregister(CommSocketClient& client, const RegistrationPairs& pairs)
+{
+    if (pairs.target) {
+        media_persistence.erase(*pairs.target);
+        client.target.clear();
+    }
+    if (!pairs.triggers || pairs.triggers->empty())
+        return true;
+    if (*pairs.triggers != "*")
+        return false;
+    client.all_triggers = false;
+    return true;
+}
+
+// The reply goes out only once a change of the items is in the state file.
+// A change that could not be saved is served all the same and answered as
+// unsaved, so the client knows that a restart would forget it.
+void write_registration_reply(comm_socket_v4_packet* reply, const char* command, bool items_changed)
+{
+    if (items_changed && !save_state_file()) {
+        reply->result = result_not_saved;
+        write_reply(reply, command, not_saved_status);
+        return;
+    }
+    write_reply(reply, command, "OK");
+}
+
+// "register" and "unregister": only a client with a record may change it.
+void command_registration(const comm_socket_v4_packet* request, comm_socket_v4_packet* reply,
+                          unsigned long index, const char* command,
+                          bool (*apply)(CommSocketClient&, const RegistrationPairs&))
 {
     auto record = server_socket_clients.find(index);
     if (record == server_socket_clients.end()) {
         reply->result = result_context_lost;
-        write_reply(reply, "unregister", context_lost_status);
+        write_reply(reply, command, context_lost_status);
         return;
     }
-    RegistrationPairs pairs = read_registration_pairs(request);
-    if (pairs.target) {
-        media_persistence.erase(*pairs.target);
-        record->second.target.clear();
-    }
-    if (pairs.triggers) {
-        if (*pairs.triggers == "*")
-            record->second.all_triggers = false;
-        else if (!pairs.triggers->empty())
-            reject_trigger_string(reply, "unregister");
-    }
-    write_reply(reply, "unregister", "OK");
+    // "register" only adds items and "unregister" only removes them, so
+    // the count tells whether the items changed.
+    size_t items_before = media_persistence.size();
+    if (!apply(record->second, read_registration_pairs(request)))
+        reject_trigger_string(reply, command);
+    write_registration_reply(reply, command, media_persistence.size() != items_before);
 }
 
 void dispatch(comm_socket_v4_packet* request, comm_socket_v4_packet* reply, unsigned long index)
@@ -172,9 +181,9 @@ void dispatch(comm_socket_v4_packet* request, comm_socket_v4_packet* reply, unsi
     if (strcmp(command, "test") == 0)
         command_test(reply);
     else if (strcmp(command, "register") == 0)
-        command_register(request, reply, index);
+        command_registration(request, reply, index, "register", apply_register);
     else if (strcmp(command, "unregister") == 0)
-        command_unregister(request, reply, index);
+        command_registration(request, reply, index, "unregister", apply_unregister);
     else if (strcmp(command, "list-pmi") == 0)
         command_list_pmi(reply);
     else if (strcmp(command, "status") == 0)
@@ -203,27 +212,31 @@ void serve_request(comm_socket_v4_client* client, comm_socket_v4_packet* request
 
 int handle_server_socket()
 {
-    found_work = false;
     if (server_socket == nullptr || server_socket->fd < 0)
         return -1;
     if (comm_socket_v4_idle(server_socket) != 0)
         return -1;
-    found_work |= accept_new_clients();
-    found_work |= drop_disconnected_clients();
+    accept_new_clients();
+    drop_disconnected_clients();
     for (;;) {
         comm_socket_v4_client* client = nullptr;
         comm_socket_v4_packet* request = comm_socket_v4_server_get_packet(server_socket, &client);
         if (request == nullptr)
             return 0;
         assert(client != __null);
-        found_work = true;
+        ++command_server_totals.requests;
         serve_request(client, request);
     }
 }
 
-bool server_round_found_work()
+ServerRound serve_command_server()
 {
-    return found_work;
+    CommandServerTotals before = command_server_totals;
+    int result = handle_server_socket();
+    const CommandServerTotals& after = command_server_totals;
+    bool found_work = after.accepted != before.accepted || after.dropped != before.dropped ||
+                      after.requests != before.requests;
+    return ServerRound{result, found_work};
 }
 
 void start_persistent_media()

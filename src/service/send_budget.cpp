@@ -4,34 +4,22 @@
 
 #include <algorithm>
 #include <limits>
-#include <vector>
 
 namespace {
 
-struct Budget {
-    const comm_socket_v4_client* client;
-    uint64_t spent_us;
-    bool dropped;
-};
-
-/// Only clients that had to be waited for have an entry, so the table stays
-/// as small as the number of slow clients; it keeps its capacity from pass
-/// to pass.
-std::vector<Budget> budgets;
-
-Budget* find(const comm_socket_v4_client* client)
+SendBudget* find(const comm_socket_v4_client* client)
 {
-    auto found = std::find_if(budgets.begin(), budgets.end(),
-                              [client](const Budget& budget) { return budget.client == client; });
-    return found == budgets.end() ? nullptr : &*found;
+    auto found = std::find_if(send_budgets.begin(), send_budgets.end(),
+                              [client](const SendBudget& budget) { return budget.client == client; });
+    return found == send_budgets.end() ? nullptr : &*found;
 }
 
-Budget& entry(const comm_socket_v4_client* client)
+SendBudget& entry(const comm_socket_v4_client* client)
 {
-    if (Budget* budget = find(client))
+    if (SendBudget* budget = find(client))
         return *budget;
-    budgets.push_back(Budget{client, 0, false});
-    return budgets.back();
+    send_budgets.push_back(SendBudget{client, 0, false});
+    return send_budgets.back();
 }
 
 uint64_t timeout_us()
@@ -45,14 +33,14 @@ uint64_t timeout_us()
 
 void open_send_budgets()
 {
-    budgets.erase(std::remove_if(budgets.begin(), budgets.end(),
-                                 [](const Budget& budget) { return !budget.dropped; }),
-                  budgets.end());
+    send_budgets.erase(std::remove_if(send_budgets.begin(), send_budgets.end(),
+                                      [](const SendBudget& budget) { return !budget.dropped; }),
+                       send_budgets.end());
 }
 
 uint64_t send_wait_left_us(const comm_socket_v4_client* client)
 {
-    const Budget* budget = find(client);
+    const SendBudget* budget = find(client);
     uint64_t spent = budget != nullptr ? budget->spent_us : 0;
     uint64_t timeout = timeout_us();
     return spent < timeout ? timeout - spent : 0;
@@ -60,7 +48,7 @@ uint64_t send_wait_left_us(const comm_socket_v4_client* client)
 
 void charge_send_wait(const comm_socket_v4_client* client, uint64_t waited_us)
 {
-    Budget& budget = entry(client);
+    SendBudget& budget = entry(client);
     budget.spent_us += waited_us;
 }
 
@@ -71,18 +59,18 @@ void mark_client_dropped(const comm_socket_v4_client* client)
 
 bool client_dropped(const comm_socket_v4_client* client)
 {
-    const Budget* budget = find(client);
+    const SendBudget* budget = find(client);
     return budget != nullptr && budget->dropped;
 }
 
 void forget_send_budget(const comm_socket_v4_client* client)
 {
-    budgets.erase(std::remove_if(budgets.begin(), budgets.end(),
-                                 [client](const Budget& budget) { return budget.client == client; }),
-                  budgets.end());
+    send_budgets.erase(std::remove_if(send_budgets.begin(), send_budgets.end(),
+                                      [client](const SendBudget& budget) { return budget.client == client; }),
+                       send_budgets.end());
 }
 
 void forget_all_send_budgets()
 {
-    budgets.clear();
+    send_budgets.clear();
 }

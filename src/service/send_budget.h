@@ -6,6 +6,19 @@
 #include "comm_socket_v4.h"
 
 #include <cstdint>
+#include <vector>
+
+/// What one local client cost the current pass in waits.
+struct SendBudget {
+    const comm_socket_v4_client* client;
+    uint64_t spent_us;  ///< waited for it in this pass
+    bool dropped;       ///< disconnected by the daemon for not taking a packet
+};
+
+/// Only clients that had to be waited for have an entry, so the table stays
+/// as small as the number of slow clients; it keeps its capacity from pass
+/// to pass.
+extern std::vector<SendBudget> send_budgets;
 
 /// Starts a pass: every client may again be waited for the whole timeout.
 /// Clients the daemon disconnected stay marked until they are forgotten.

@@ -8,7 +8,7 @@
 #include "rendermgr/channel_states.h"
 #include "rendermgr/channels.h"
 #include "service/command_server.h"
-#include "trigger/tcp_peer_records.h"
+#include "service/state_file.h"
 #include "trigger/trigger_listener.h"
 
 #include <arpa/inet.h>
@@ -77,6 +77,7 @@ void write_settings(PairWriter& out)
     out.number("daemon.max_message_bytes", daemon_settings.max_message_bytes);
     out.number("daemon.tcp_idle_timeout_s", daemon_settings.tcp_idle_timeout_s);
     out.number("daemon.client_send_timeout_ms", daemon_settings.client_send_timeout_ms);
+    out.text("daemon.state_file", daemon_settings.state_file.c_str());
 }
 
 void write_configuration(PairWriter& out, const Clocks& clocks)
@@ -87,24 +88,29 @@ void write_configuration(PairWriter& out, const Clocks& clocks)
     out.number("config.sections", configuration.size());
 }
 
+// "ADDRESS:PORT" of the connection's peer; "unknown" when accept() gave no
+// IPv4 address.
+void format_peer(const sockaddr_in& peer, char (&text)[INET_ADDRSTRLEN + 8])
+{
+    char address[INET_ADDRSTRLEN] = "";
+    if (peer.sin_family != AF_INET || inet_ntop(AF_INET, &peer.sin_addr, address, sizeof address) == nullptr) {
+        snprintf(text, sizeof text, "unknown");
+        return;
+    }
+    snprintf(text, sizeof text, "%s:%u", address, ntohs(peer.sin_port));
+}
+
 void write_tcp_connections(PairWriter& out)
 {
     size_t position = 0;
     for (const auto& [fd, client] : tcp_clients) {
-        auto noted = tcp_peer_records.find(fd);
-        bool known = noted != tcp_peer_records.end();
-        TcpPeerRecord record = known ? noted->second : TcpPeerRecord{};
-        char peer[INET_ADDRSTRLEN + 8] = "unknown";
-        if (known) {
-            char address[INET_ADDRSTRLEN] = "";
-            inet_ntop(AF_INET, &record.peer.sin_addr, address, sizeof address);
-            snprintf(peer, sizeof peer, "%s:%u", address, ntohs(record.peer.sin_port));
-        }
+        char peer[INET_ADDRSTRLEN + 8];
+        format_peer(client.peer, peer);
         out.number(out.member("tcp", position, "fd"), static_cast<uint64_t>(fd));
         out.text(out.member("tcp", position, "peer"), peer);
-        out.text(out.member("tcp", position, "state"), tcp_client_state(client));
+        out.text(out.member("tcp", position, "state"), client.state_name());
         out.number(out.member("tcp", position, "bytes_read"), client.bytes_read);
-        out.number(out.member("tcp", position, "messages"), record.messages);
+        out.number(out.member("tcp", position, "messages"), client.messages);
         ++position;
     }
 }
@@ -123,12 +129,19 @@ void write_local_clients(PairWriter& out)
         out.text(out.member("items", position++, "name"), item.first.c_str());
 }
 
+void write_state_file(PairWriter& out, const Clocks& clocks)
+{
+    uint64_t since = state_file.unsaved_since_us;
+    out.number("state_file.unsaved_since", since == 0 ? 0 : clocks.unix_time_of(since));
+}
+
 void write_channels(PairWriter& out, const Clocks& clocks)
 {
     size_t position = 0;
     for (const auto& [channel, connection] : rendermgr_conn) {
         ChannelState state = channel_state(connection);
-        uint64_t since = channel_state_since(channel, state, clocks.monotonic_us);
+        uint64_t since = connection != nullptr ? channel_state_since(*connection, state, clocks.monotonic_us)
+                                               : clocks.monotonic_us;
         out.number(out.member("channels", position, "number"), static_cast<uint64_t>(channel));
         out.text(out.member("channels", position, "state"), channel_state_name(state));
         out.number(out.member("channels", position, "since"), clocks.unix_time_of(since));
@@ -164,6 +177,7 @@ void write_status_reply(comm_socket_v4_packet* reply)
     write_configuration(out, clocks);
     write_tcp_connections(out);
     write_local_clients(out);
+    write_state_file(out, clocks);
     write_channels(out, clocks);
     write_counters(out);
     comm_socket_v4_packet_write_end(reply);

@@ -3,6 +3,7 @@
 #include "appliance_util.h"
 #include "config/daemon_settings.h"
 #include "daemon/daemon_counters.h"
+#include "daemon/pass_limits.h"
 
 #include <cassert>
 #include <cerrno>
@@ -15,7 +16,6 @@
 
 namespace {
 
-constexpr size_t read_budget = 256;    // bytes one idle() call may read
 constexpr size_t longest_line = 1023;  // characters a line may hold
 constexpr int reply_tries = 10;
 constexpr useconds_t reply_pause_us = 10000;
@@ -211,6 +211,17 @@ uint64_t TCPTriggerClient::silence_deadline() const
     return last_input_us + timeout_s * us_per_s;
 }
 
+const char* TCPTriggerClient::state_name() const
+{
+    if (sock_fd < 0)
+        return "closed";
+    if (stalled())
+        return "stalled";
+    if (line_pos > 0 || line_count > 0)
+        return "reading";
+    return "idle";
+}
+
 int TCPTriggerClient::idle()
 {
     if (sock_fd < 0)
@@ -223,14 +234,14 @@ int TCPTriggerClient::idle()
     // buffer.
     if (stalled())
         return daemon_settings.close_long_lines ? refuse_long_line(*this) : 0;
-    size_t limit = read_limit < read_budget ? read_limit : read_budget;
+    size_t limit = window_left < tcp_bytes_per_call ? window_left : tcp_bytes_per_call;
     size_t count = 0;
     while (count < limit) {
         // The bytes are looked at where they arrived and then taken, exactly
         // as many as were processed: reading stops at the byte that ends the
         // budget or the line, and the rest stays in the kernel, as it would
         // with one receive per byte, at a fraction of the system calls.
-        unsigned char bytes[read_budget];
+        unsigned char bytes[tcp_bytes_per_call];
         ssize_t received = recv(sock_fd, bytes, limit - count, MSG_DONTWAIT | MSG_PEEK);
         if (received <= 0)
             return end_of_input(*this, received);
@@ -239,6 +250,7 @@ int TCPTriggerClient::idle()
             unsigned char byte = bytes[i++];
             ++count;
             ++bytes_read;
+            --window_left;
             if (!message_within_limit(*this, byte))
                 return refuse_long_message(*this);
             if (byte == '\n') {

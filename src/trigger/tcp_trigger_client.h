@@ -1,6 +1,8 @@
 // One accepted TCP trigger connection and its line protocol.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -16,11 +18,13 @@ public:
     std::map<std::string, std::string> nv_pairs;  ///< name=value lines of the message
     int reserved = 0;          ///< kept for the record layout; nothing uses it
     size_t bytes_read = 0;     ///< bytes taken from the socket since it was adopted
-    size_t window_bytes = 0;   ///< bytes read in the waking loop's current window
-    size_t read_limit = 256;   ///< most bytes the next idle() reads; lower only while
-                               ///< the waking loop's window has less left
     size_t message_bytes = 0;  ///< bytes of the current message so far, from its first character
     uint64_t last_input_us = 0;  ///< monotonic time of adoption or of the last bytes read
+    /// Bytes it may still read in the main loop's current window; a record
+    /// that no window has taken in (one used outside the loop) reads on.
+    size_t window_left = SIZE_MAX;
+    sockaddr_in peer{};        ///< the peer's address as accept() gave it, for the status
+    uint64_t messages = 0;     ///< complete messages handled
 
     TCPTriggerClient();
     /// Closes the socket if it is open; no reply is sent.
@@ -30,8 +34,8 @@ public:
 
     /// Adopts an accepted socket; the client must not hold one yet.
     void take_fd(int fd);
-    /// Reads up to 256 bytes (`read_limit`), handling and acknowledging every
-    /// message they complete.  0 while the connection is open, -1 once it is
+    /// Reads up to 256 bytes, and no more than `window_left`, handling and
+    /// acknowledging every message they complete.  0 while the connection is open, -1 once it is
     /// closed.  With close_long_lines a line of 1024 characters, and with
     /// max_message_bytes a message that grows beyond that many bytes, closes
     /// the connection with a line naming it, unhandled and unanswered.
@@ -41,6 +45,9 @@ public:
     /// close_long_lines set such a line closes the connection instead, so
     /// a connection is stalled only while the setting is off.
     bool stalled() const;
+    /// "stalled" once a line reached 1024 characters, "reading" inside a
+    /// message, "idle" between messages, "closed" once the connection ended.
+    const char* state_name() const;
     /// Closes the connection, with a line naming it, when it has given the
     /// daemon nothing to read for tcp_idle_timeout_s seconds up to `now`
     /// (monotonic microseconds).  True when it closed it.

@@ -3,7 +3,6 @@
 #include "daemon/daemon_counters.h"
 #include "service/client_notification.h"
 #include "service/command_server.h"
-#include "trigger/tcp_peer_records.h"
 
 #include <cstdio>
 #include <syslog.h>
@@ -28,7 +27,7 @@ void TCPTriggerClient::handle_message()
 {
     if (!command.empty()) {
         print_message(*this);
-        count_tcp_message(sock_fd);
+        ++messages;
         syslog(LOG_DAEMON | LOG_INFO, "Command received, command '%s'\n", command.c_str());
         // Media items start before any local client hears of the trigger,
         // so a notified client finds them already asked to run.  Neither the

@@ -2,7 +2,7 @@
 
 #include "appliance_util.h"
 #include "config/daemon_settings.h"
-#include "trigger/tcp_peer_records.h"
+#include "daemon/pass_limits.h"
 
 #include <algorithm>
 #include <cassert>
@@ -56,56 +56,44 @@ int accept_pending(sockaddr_in& address)
 }
 
 // The key printed is the one fixed at accept time: a closed client's own
-// sock_fd is -1 by now.  The number of connections swept.
-int sweep_closed_clients()
+// sock_fd is -1 by now.
+void sweep_closed_clients()
 {
-    int swept = 0;
     for (auto it = tcp_clients.begin(); it != tcp_clients.end();) {
         auto current = it++;
         if (current->second.sock_fd < 0) {
             fprintf(stderr, "Dropping TCP client fd %d\n", current->first);
-            forget_tcp_peer(current->first);
             tcp_clients.erase(current);
-            ++swept;
+            ++tcp_service_totals.dropped;
         }
     }
-    return swept;
 }
-
-/// Set while the waking loop's step runs: each connection then reads only
-/// what is left of its window's budget.
-bool within_windows = false;
-/// What the running step found to do: bytes read, connections closed, swept
-/// or accepted.
-int step_work = 0;
 
 // Judged after the reads, so that bytes that came during the pass's wait
-// count as input.  The number of connections closed.
-int close_silent_clients()
+// count as input.  A connection closed here is swept in the same step.
+void close_silent_clients()
 {
     if (daemon_settings.tcp_idle_timeout_s == 0)
-        return 0;
+        return;
     uint64_t now = monotonic_clock_us();
-    int closed = 0;
     for (auto& entry : tcp_clients)
-        closed += entry.second.close_if_silent(now) ? 1 : 0;
-    return closed;
+        entry.second.close_if_silent(now);
 }
 
-// Reads what is left of the connection's window budget; true when that read
-// anything or ended the connection.
-bool read_within_window(TCPTriggerClient& client)
+/// What a step changes when it finds anything to do.
+struct TcpActivity {
+    TcpServiceTotals totals;
+    uint64_t bytes_read;  ///< by the connections in the table
+};
+
+// A connection closed in a step is swept in the same step, so the totals
+// tell it even when its bytes leave the sum with it.
+TcpActivity tcp_activity()
 {
-    if (client.sock_fd < 0 || client.window_bytes >= tcp_window_budget)
-        return false;
-    size_t before = client.bytes_read;
-    size_t classic_limit = client.read_limit;
-    client.read_limit = std::min(classic_limit, tcp_window_budget - client.window_bytes);
-    client.idle();
-    client.read_limit = classic_limit;
-    size_t read = client.bytes_read - before;
-    client.window_bytes += read;
-    return read > 0 || client.sock_fd < 0;
+    TcpActivity activity{tcp_service_totals, 0};
+    for (const auto& entry : tcp_clients)
+        activity.bytes_read += entry.second.bytes_read;
+    return activity;
 }
 
 }  // namespace
@@ -144,15 +132,11 @@ void service_all_tcp_clients()
 {
     // idle()'s result is not needed: a closed client has set its sock_fd to
     // -1, which is what the sweep looks at.
-    for (auto& entry : tcp_clients) {
-        if (within_windows)
-            step_work += read_within_window(entry.second);
-        else
-            entry.second.idle();
-    }
-    step_work += close_silent_clients();
+    for (auto& entry : tcp_clients)
+        entry.second.idle();
+    close_silent_clients();
     // Sweeping before accepting refills a place freed in this very step.
-    step_work += sweep_closed_clients();
+    sweep_closed_clients();
     // Accepted sockets stay blocking: every receive and send on them asks
     // for non-blocking by itself.  Further callers wait in the listen queue.
     while (tcp_clients.size() < most_clients) {
@@ -166,9 +150,12 @@ void service_all_tcp_clients()
         // pass do not wait for the peer's delayed acknowledgement of the last.
         int immediately = 1;
         setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &immediately, sizeof(immediately));
-        tcp_clients[fd].take_fd(fd);
-        note_tcp_peer(fd, peer);
-        ++step_work;
+        // A new connection joins the window under way with its whole budget.
+        TCPTriggerClient& client = tcp_clients[fd];
+        client.take_fd(fd);
+        client.peer = peer;
+        client.window_left = tcp_bytes_per_window;
+        ++tcp_service_totals.accepted;
     }
 }
 
@@ -176,22 +163,21 @@ void drop_all_tcp_clients()
 {
     while (!tcp_clients.empty())
         tcp_clients.erase(tcp_clients.begin());
-    tcp_peer_records.clear();
 }
 
-bool service_tcp_clients_in_window()
+bool service_tcp_step()
 {
-    within_windows = true;
-    step_work = 0;
+    TcpActivity before = tcp_activity();
     service_all_tcp_clients();
-    within_windows = false;
-    return step_work > 0;
+    TcpActivity after = tcp_activity();
+    return after.totals.accepted != before.totals.accepted || after.totals.dropped != before.totals.dropped ||
+           after.bytes_read != before.bytes_read;
 }
 
 void open_tcp_window()
 {
     for (auto& entry : tcp_clients)
-        entry.second.window_bytes = 0;
+        entry.second.window_left = tcp_bytes_per_window;
 }
 
 // A stalled line and a spent budget are not waited on: their bytes would
@@ -210,7 +196,7 @@ void tcp_wait_descriptors(std::vector<pollfd>& fds, uint64_t& wake_at, bool& bud
             continue;
         }
         wake_at = std::min(wake_at, client.silence_deadline());
-        if (client.window_bytes >= tcp_window_budget)
+        if (client.window_left == 0)
             budget_spent = true;
         else if (!client.stalled())
             fds.push_back(pollfd{client.sock_fd, POLLIN, 0});

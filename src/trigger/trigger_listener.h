@@ -21,22 +21,28 @@ extern std::map<int, TCPTriggerClient> tcp_clients;
 int tcp_trigger_open();
 /// Closes the listener if it is open.
 void tcp_trigger_close();
-/// One step for all connections: read each, close those idle for
+/// One step for all connections: read each (as far as its window allows),
+/// close those idle for
 /// tcp_idle_timeout_s, sweep closed ones, accept new ones while fewer than
 /// four are open.
 void service_all_tcp_clients();
 /// Closes and forgets every connection, without replies or messages.
 void drop_all_tcp_clients();
 
-/// Bytes a connection may read per window of the waking loop: what the ten
-/// steps of a classic pass read at most.
-constexpr size_t tcp_window_budget = 2560;
-/// One step of the waking loop: service_all_tcp_clients() with every
-/// connection reading only what is left of its window's budget.  True when
-/// the step found anything to do: bytes read, a connection closed, swept or
-/// accepted.
-bool service_tcp_clients_in_window();
-/// Gives every connection the whole budget of a new window.
+/// What the TCP service has done since start.
+struct TcpServiceTotals {
+    uint64_t accepted = 0;  ///< connections accepted
+    uint64_t dropped = 0;   ///< connections swept after they closed
+};
+/// Kept by service_all_tcp_clients().
+extern TcpServiceTotals tcp_service_totals;
+
+/// service_all_tcp_clients(), answering whether the step found anything to
+/// do: bytes read, a connection closed and swept, or one accepted.
+bool service_tcp_step();
+/// Starts a new window of the main loop: every connection may read
+/// `tcp_bytes_per_window` bytes in it.  A connection accepted meanwhile
+/// joins the window under way with that budget.
 void open_tcp_window();
 /// Adds to `fds` what the TCP side waits for: the listener while a place is
 /// free, every connection that is still read and has budget left.  Lowers

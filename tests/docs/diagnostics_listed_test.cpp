@@ -30,6 +30,8 @@ const std::set<std::string> kNotWritten = {
     "ONE LINE TRIGGER",                             // a command word compared
     "Your client context has been lost (BUG)",      // status words of replies
     "Unknown trigger string",                       //   to local clients
+    "Not saved to the state file",                  //
+    "q9_korvane_xml_events_d state 1",              // the state file's version line
     "OK\n", "OK\n\n",                               // acknowledgements to TCP peers
     "READY=1\n", "Reload failed",                    // messages to the service manager
     "%sSTATUS=%s; event sections %zu; TCP connections %zu; local clients %zu, listening %zu; "

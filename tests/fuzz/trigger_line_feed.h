@@ -5,6 +5,7 @@
 // check.
 #pragma once
 
+#include "daemon/pass_limits.h"
 #include "trigger/tcp_trigger_client.h"
 
 #include <fcntl.h>
@@ -67,7 +68,7 @@ inline void feed(const uint8_t* data, size_t size, ExtraCheck extra)
     // After the peer's end of stream every byte left is read within this
     // many calls (256 per call), unless a too-long line stalled the record.
     shutdown(pair[1], SHUT_WR);
-    for (size_t call = 0; call <= size / 256 + 1 && client.sock_fd >= 0; ++call)
+    for (size_t call = 0; call <= size / tcp_bytes_per_call + 1 && client.sock_fd >= 0; ++call)
         read_once(client, pair[1], extra);
     close(pair[1]);
 }

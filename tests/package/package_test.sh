@@ -11,8 +11,9 @@
 #     service on upgrade and never stop or restart the socket unit then;
 #   - install, upgrade, remove and purge run without error in a scratch
 #     root: the operator's edit of the conffile survives the upgrade and the
-#     removal, the purge takes it away, both units are enabled on install
-#     and forgotten on purge.
+#     removal, the purge takes it away, both units of the daemon are enabled
+#     on install and forgotten on purge; the metrics timer is installed but
+#     not enabled.
 # The scratch root is an overlay of this machine's / in a private mount
 # namespace, written to a tmpfs: dpkg runs the maintainer scripts there
 # (chrooted) with this machine's tools and package database, and nothing
@@ -83,14 +84,18 @@ echo "== contents"
 files_of() {
     dpkg-deb -c "$1" | awk '$1 !~ /^d/ { print $6 }' | sort
 }
-check "the daemon's package holds the daemon, the client, the units, the conffile" \
+check "the daemon's package holds the daemon, the client, the units, the conffile, the monitoring guide" \
     [ "$(files_of "$daemon_deb")" = "./etc/q9_korvane_xml_events_d.toml
 ./lib/systemd/system/q9_korvane_xml_events_d.service
 ./lib/systemd/system/q9_korvane_xml_events_d.socket
+./lib/systemd/system/q9_korvane_xml_events_d_metrics.service
+./lib/systemd/system/q9_korvane_xml_events_d_metrics.timer
 ./usr/bin/q9_korvane_xml_events_ctl
 ./usr/sbin/q9_korvane_xml_events_d
 ./usr/share/doc/q9-korvane-xml-events-d/changelog.gz
 ./usr/share/doc/q9-korvane-xml-events-d/copyright
+./usr/share/doc/q9-korvane-xml-events-d/monitoring.md.gz
+./usr/share/doc/q9-korvane-xml-events-d/q9_korvane_xml_events_d.rules.yml
 ./usr/share/man/man1/q9_korvane_xml_events_ctl.1.gz
 ./usr/share/man/man8/q9_korvane_xml_events_d.8.gz" ]
 check "the simulator's package holds the simulator only" \
@@ -111,8 +116,8 @@ check "the service names the packaged daemon" \
 check "the socket unit is the one of the tree" \
     cmp -s "$units/q9_korvane_xml_events_d.socket" "$top/packaging/q9_korvane_xml_events_d.socket"
 check "systemd accepts the units; the service's exposure is 2.0 or below" \
-    "$top/tests/tools/unit_verify_test.sh" "$work/files/usr/sbin/q9_korvane_xml_events_d" \
-    "$units/q9_korvane_xml_events_d.service" "$units/q9_korvane_xml_events_d.socket"
+    "$top/tests/tools/unit_verify_test.sh" "$units/q9_korvane_xml_events_d.service" \
+    "$work/files/usr/sbin/q9_korvane_xml_events_d" "$units/q9_korvane_xml_events_d.socket"
 # What the maintainer scripts do to a unit: their lines that name it.
 script_lines_naming() {
     control_file "$daemon_deb" "$1" 2>/dev/null | grep -F "'$2'" | sed 's/^[[:space:]]*//'
@@ -132,6 +137,14 @@ check "the socket unit is stopped on removal only, never before an upgrade" \
     [ "$(control_file "$daemon_deb" preinst 2>/dev/null | grep -c "$socket_unit")$(
         control_file "$daemon_deb" prerm | grep -B1 "deb-systemd-invoke stop '$socket_unit'" | head -n 1 |
         grep -c '"$1" = remove')" = 01 ]
+check "the metrics service runs the packaged client into the node exporter's folder" \
+    grep -qx 'ExecStart=/usr/bin/q9_korvane_xml_events_ctl metrics --output /var/lib/prometheus/node-exporter/q9_korvane_xml_events_d.prom' \
+    "$work/files/lib/systemd/system/q9_korvane_xml_events_d_metrics.service"
+check "the alert rules are shipped as they are in the source" \
+    cmp -s "$work/files/usr/share/doc/q9-korvane-xml-events-d/q9_korvane_xml_events_d.rules.yml" \
+    "$top/packaging/q9_korvane_xml_events_d.rules.yml"
+check "the package suggests the node exporter" \
+    [ "$(dpkg-deb -f "$daemon_deb" Suggests)" = prometheus-node-exporter ]
 check "the maintainer scripts never call systemctl to enable, start or stop" \
     bash -c '! grep -E "systemctl +(enable|disable|start|stop|restart)" <(dpkg-deb --ctrl-tarfile "$0" | tar -xOf - ./postinst ./prerm ./postrm)' "$daemon_deb"
 
@@ -149,6 +162,7 @@ status_of() {
 conffile=$root/etc/q9_korvane_xml_events_d.toml
 wants=$root/etc/systemd/system/multi-user.target.wants/q9_korvane_xml_events_d.service
 socket_wants=$root/etc/systemd/system/sockets.target.wants/q9_korvane_xml_events_d.socket
+timer_wants=$root/etc/systemd/system/timers.target.wants/q9_korvane_xml_events_d_metrics.timer
 edit='# kept by the operator'
 
 check "install runs without error" dpkg_in_root -i "$daemon_deb" "$sim_deb"
@@ -160,6 +174,7 @@ check "the conffile is in place" cmp -s "$conffile" "$top/packaging/q9_korvane_x
 check "the service is enabled" [ "$(readlink "$wants")" = /lib/systemd/system/q9_korvane_xml_events_d.service ]
 check "the socket unit is enabled" \
     [ "$(readlink "$socket_wants")" = /lib/systemd/system/q9_korvane_xml_events_d.socket ]
+check "the metrics timer is not enabled" [ ! -L "$timer_wants" ]
 
 echo "$edit" >>"$conffile"
 dpkg-deb -R "$daemon_deb" "$work/next"
@@ -172,6 +187,7 @@ both_enabled() {
     [ -L "$wants" ] && [ -L "$socket_wants" ]
 }
 check "both units stay enabled on upgrade" both_enabled
+check "the metrics timer stays off on upgrade" [ ! -L "$timer_wants" ]
 
 check "removal runs without error" dpkg_in_root -r q9-korvane-xml-events-d q9-appliance-sim
 check "the programs are gone" \

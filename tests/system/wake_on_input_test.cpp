@@ -45,7 +45,7 @@ TEST_F(WakingDaemon, ReportsTheSettingsInForceAfterTheSections)
 {
     EXPECT_TRUE(daemon->wait_for_stderr(
         "  Channel:    1\nDaemon settings: wake_on_input = true, close_long_lines = false, "
-        "max_message_bytes = 0, tcp_idle_timeout_s = 0, client_send_timeout_ms = 0\n"));
+        "max_message_bytes = 0, tcp_idle_timeout_s = 0, client_send_timeout_ms = 0, state_file = \"\"\n"));
 }
 
 // The classic daemon answers a trigger at its next pass, up to 250 ms

@@ -140,6 +140,26 @@ TEST(CtlStatusFormat, EmptyTablesSayNone)
     EXPECT_NE(std::string::npos, page.find("Render-manager channels: 0\n  (none)\n"));
 }
 
+TEST(CtlStatusFormat, ItemsKeptInAStateFileSaySo)
+{
+    StatusReply reply(joined({kHeader, kCounters,
+                              {{"daemon.state_file", "/var/lib/q9/items"}, {"state_file.unsaved_since", "0"}}}));
+    std::string page = format_status_text(reply.get());
+    EXPECT_NE(std::string::npos,
+              page.find("Persistent media items: 0\n  (none)\n  kept in /var/lib/q9/items\n\n"));
+}
+
+TEST(CtlStatusFormat, ItemsNotSavedToTheStateFileSaySinceWhen)
+{
+    StatusReply reply(joined({kHeader, kCounters,
+                              {{"daemon.state_file", "/var/lib/q9/items"},
+                               {"state_file.unsaved_since", "1795000000"}}}));
+    std::string page = format_status_text(reply.get());
+    EXPECT_NE(std::string::npos,
+              page.find("  (none)\n  NOT SAVED to /var/lib/q9/items since 2026-11-18 11:06:40 UTC\n"));
+    EXPECT_EQ(1795000000u, status_object(reply.get())["state_file"]["unsaved_since"]);
+}
+
 TEST(CtlStatusFormat, JsonGroupsListsAndTypesTheDocumentedFields)
 {
     StatusReply reply(joined({kHeader, kLists, kCounters}));

@@ -1,34 +1,19 @@
-// The status command against a daemon in a known state: two TCP peers (one
-// stalled by a line that is too long), three local clients (two listening),
-// two items, two channel directories of which only one has a render manager,
-// three triggers, a failed and a good reload.  Seen through the service
-// socket, through `ctl status --json` and through `ctl status`.
+// The status command against a daemon in a known state (known_daemon.h),
+// seen through the service socket, through `ctl status --json` and through
+// `ctl status`.
 #include "daemon.h"
-#include "files.h"
+#include "known_daemon.h"
 #include "packet_peers.h"
 #include "packets.h"
-#include "proc.h"
-#include "tcp.h"
-#include "text.h"
-#include "waiting.h"
 #include "process.h"
 
 #include "q9_version.h"
-#include "q9mi.h"
 
 #include <gtest/gtest.h>
 #include <nlohmann/json.hpp>
 
-#include <arpa/inet.h>
-#include <sys/socket.h>
-#include <sys/stat.h>
-
 #include <algorithm>
-#include <cerrno>
-#include <csignal>
-#include <ctime>
 #include <map>
-#include <memory>
 
 using namespace q9test;
 using q9test::ToolProcess;
@@ -38,29 +23,6 @@ namespace {
 
 using Pairs = std::vector<std::pair<std::string, std::string>>;
 
-const std::string kBusyPeerSends[] = {"TRIGGER\nclip=news\n\n", "ONE LINE TRIGGER\n", "TRIGGER\n\n",
-                                      "HELLO\n\n"};
-const std::string kBusyPeerReplies[] = {"OK\n\n", "OK\n", "OK\n\n", "OK\n\n"};
-
-uint64_t now_unix()
-{
-    return static_cast<uint64_t>(time(nullptr));
-}
-
-// The local port of a connection, which the daemon sees as its peer's.
-std::string peer_text(const TcpPeer& peer)
-{
-    sockaddr_in local{};
-    socklen_t length = sizeof local;
-    getsockname(peer.fd(), reinterpret_cast<sockaddr*>(&local), &length);
-    return "127.0.0.1:" + std::to_string(ntohs(local.sin_port));
-}
-
-std::map<std::string, std::string> as_map(const Pairs& pairs)
-{
-    return std::map<std::string, std::string>(pairs.begin(), pairs.end());
-}
-
 std::vector<std::string> names_of(const Pairs& pairs)
 {
     std::vector<std::string> names;
@@ -69,112 +31,21 @@ std::vector<std::string> names_of(const Pairs& pairs)
     return names;
 }
 
-class StatusOfAKnownDaemon : public testing::Test {
-protected:
-    void SetUp() override
-    {
-        started_at_ = now_unix();
-        start_simulators();
-        write_config(minimal_config());
-        daemon_ = std::make_unique<Daemon>();
-        ASSERT_TRUE(daemon_->wait_until_running()) << daemon_->stderr_text();
-        ASSERT_TRUE(daemon_->wait_for_stderr("Channel 1: connection open\n"));
-        ASSERT_TRUE(daemon_->wait_for_stderr("Channel 2: failed to connect to"));
-        connect_local_clients();
-        talk_over_tcp();
-        reload_badly_then_well();
-        ASSERT_TRUE(wait_until([&] { return as_map(status())["tcp.1.state"] == "stalled"; }));
-    }
-
-    void start_simulators()
-    {
-        // Channel 2 has its directory but no render manager.
-        std::string missing = std::string(rendermgr_root) + "/channel2";
-        ASSERT_TRUE(mkdir(missing.c_str(), 0755) == 0 || errno == EEXIST);
-        render_manager_ = std::make_unique<ToolProcess>(Q9_SIM_BINARY, std::vector<std::string>{"rendermgr", "1"});
-        media_items_ = std::make_unique<ToolProcess>(Q9_SIM_BINARY, std::vector<std::string>{"mediaitem"});
-        ASSERT_TRUE(wait_until([] { return q9mi_start_item("probe") == 0; }));
-        ASSERT_TRUE(wait_until([] {
-            struct stat info {};
-            return stat((std::string(rendermgr_root) + "/channel1/.media.item.active.socket").c_str(),
-                        &info) == 0;
-        }));
-    }
-
-    void connect_local_clients()
-    {
-        Packet reply;
-        first_listener_ = std::make_unique<PacketClient>();
-        second_listener_ = std::make_unique<PacketClient>();
-        keeper_ = std::make_unique<PacketClient>();
-        for (PacketClient* listener : {first_listener_.get(), second_listener_.get()}) {
-            ASSERT_TRUE(listener->request(reply, "register", {{"triggers", "*"}}));
-            ASSERT_EQ("OK", reply.status);
-        }
-        ASSERT_TRUE(keeper_->request(reply, "register", {{"target", "b"}}));
-        ASSERT_TRUE(keeper_->request(reply, "register", {{"target", "a"}}));
-    }
-
-    void talk_over_tcp()
-    {
-        busy_ = std::make_unique<TcpPeer>();
-        stalled_ = std::make_unique<TcpPeer>();
-        for (size_t i = 0; i < std::size(kBusyPeerSends); ++i) {
-            ASSERT_TRUE(busy_->send(kBusyPeerSends[i]));
-            ASSERT_EQ(kBusyPeerReplies[i], busy_->receive(kBusyPeerReplies[i].size()));
-            busy_bytes_ += kBusyPeerSends[i].size();
-        }
-        ASSERT_TRUE(stalled_->send(std::string(1100, 'x')));
-    }
-
-    void reload_badly_then_well()
-    {
-        write_config("[broken\n");
-        ASSERT_TRUE(daemon_->deliver(SIGHUP));
-        ASSERT_TRUE(daemon_->wait_for_stderr("Warning: Configuration load failure\n"));
-        write_config(minimal_config());
-        ASSERT_TRUE(daemon_->deliver(SIGHUP));
-        ASSERT_TRUE(daemon_->wait_for_stderr("Added section 'channel1'\n", 2));
-    }
-
-    // The pairs of a "status" reply, asked for by the client that keeps the
-    // items (so the asking client is one of the three).
-    Pairs status()
-    {
-        Packet reply;
-        EXPECT_TRUE(keeper_->request(reply, "status"));
-        EXPECT_EQ("status", reply.command);
-        EXPECT_EQ("OK", reply.status);
-        EXPECT_EQ(0, reply.result);
-        return reply.pairs;
-    }
-
-    uint64_t started_at_ = 0;
-    std::unique_ptr<ToolProcess> render_manager_;
-    std::unique_ptr<ToolProcess> media_items_;
-    std::unique_ptr<Daemon> daemon_;
-    // Made once the daemon runs: each connects when it is built.
-    std::unique_ptr<PacketClient> first_listener_;
-    std::unique_ptr<PacketClient> second_listener_;
-    std::unique_ptr<PacketClient> keeper_;
-    std::unique_ptr<TcpPeer> busy_;
-    std::unique_ptr<TcpPeer> stalled_;
-    size_t busy_bytes_ = 0;
-};
+class StatusOfAKnownDaemon : public KnownDaemonTest {};
 
 TEST_F(StatusOfAKnownDaemon, ReplyNamesEveryFieldInTheDocumentedOrder)
 {
     std::vector<std::string> expected = {
         "version", "pid", "uptime_s", "daemon.wake_on_input", "daemon.close_long_lines",
         "daemon.max_message_bytes", "daemon.tcp_idle_timeout_s", "daemon.client_send_timeout_ms",
-        "config.path", "config.loaded_at", "config.result", "config.sections"};
+        "daemon.state_file", "config.path", "config.loaded_at", "config.result", "config.sections"};
     for (const char* peer : {"tcp.0.", "tcp.1."})
         for (const char* field : {"fd", "peer", "state", "bytes_read", "messages"})
             expected.push_back(std::string(peer) + field);
     for (const char* client : {"clients.0.", "clients.1.", "clients.2."})
         for (const char* field : {"index", "listening", "target"})
             expected.push_back(std::string(client) + field);
-    expected.insert(expected.end(), {"items.0.name", "items.1.name"});
+    expected.insert(expected.end(), {"items.0.name", "items.1.name", "state_file.unsaved_since"});
     for (const char* channel : {"channels.0.", "channels.1."})
         for (const char* field : {"number", "state", "since"})
             expected.push_back(std::string(channel) + field);
@@ -267,8 +138,8 @@ TEST_F(StatusOfAKnownDaemon, CtlJsonIsOneObjectWithTypedFields)
     for (auto& [name, value] : status.items())
         members.push_back(name);
     std::sort(members.begin(), members.end());
-    EXPECT_EQ((std::vector<std::string>{"channels", "clients", "config", "counters", "daemon",
-                                        "items", "passes", "pid", "tcp", "uptime_s", "version"}),
+    EXPECT_EQ((std::vector<std::string>{"channels", "clients", "config", "counters", "daemon", "items",
+                                        "passes", "pid", "state_file", "tcp", "uptime_s", "version"}),
               members);
     EXPECT_EQ(q9_version, status["version"]);
     EXPECT_EQ(daemon_->pid(), status["pid"].get<int>());

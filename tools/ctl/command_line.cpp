@@ -26,6 +26,7 @@ const char* const kMainHelp =
     "  listen       print every trigger the daemon passes on, until interrupted\n"
     "  trigger      send one trigger message over TCP\n"
     "  status       show the live daemon: connections, clients, channels, counters\n"
+    "  metrics      the status figures as metrics for Prometheus\n"
     "\n"
     "'q9_korvane_xml_events_ctl COMMAND --help' describes the options of a command.\n"
     "\n"
@@ -94,6 +95,23 @@ const char* const kStatusHelp =
     "  --json    print one JSON object instead; its fields are described in\n"
     "            q9_korvane_xml_events_ctl(1)\n";
 
+const char* const kMetricsHelp =
+    "Usage: q9_korvane_xml_events_ctl metrics [--openmetrics] [--output FILE]\n"
+    "\n"
+    "Asks the daemon for its status and prints its figures in the Prometheus\n"
+    "text exposition format 0.0.4, as the node exporter's textfile collector\n"
+    "reads it: counters since start, gauges of what is now, the version and\n"
+    "the settings in force as info metrics, every name beginning with\n"
+    "q9_korvane_xml_events_.  When no status can be had, only\n"
+    "q9_korvane_xml_events_daemon_running 0 is printed (or written), and the\n"
+    "exit status says why.  The families are described in\n"
+    "q9_korvane_xml_events_ctl(1).\n"
+    "\n"
+    "  --openmetrics    OpenMetrics 1.0.0 instead: counters named without\n"
+    "                   _total in their metadata, \"# EOF\" at the end\n"
+    "  --output FILE    replace FILE instead of printing: written to a\n"
+    "                   temporary file in FILE's folder, then renamed\n";
+
 struct SubCommand {
     const char* name;
     CtlAction action;
@@ -108,6 +126,7 @@ const SubCommand kSubCommands[] = {
     {"listen", CtlAction::Listen, kListenHelp},
     {"trigger", CtlAction::Trigger, kTriggerHelp},
     {"status", CtlAction::Status, kStatusHelp},
+    {"metrics", CtlAction::Metrics, kMetricsHelp},
 };
 
 std::string usage_error(const char* sub_command, const std::string& message)
@@ -131,6 +150,12 @@ public:
     {
         *text_ = usage_error(sub_command_, message);
         return false;
+    }
+
+    // An argument that no option of the sub-command matched.
+    bool fail_unexpected(const std::string& arg)
+    {
+        return fail(arg[0] == '-' ? "unknown option '" + arg + "'" : "unexpected argument '" + arg + "'");
     }
 
     // Matches "--name VALUE" and "--name=VALUE" at the cursor.
@@ -203,10 +228,7 @@ ParseOutcome parse_registration(ArgumentCursor& cursor, const SubCommand& sub,
             invocation->triggers = value;
             continue;
         }
-        const std::string& arg = cursor.peek();
-        if (arg[0] == '-')
-            return outcome_of(cursor.fail("unknown option '" + arg + "'"));
-        return outcome_of(cursor.fail("unexpected argument '" + arg + "'"));
+        return outcome_of(cursor.fail_unexpected(cursor.peek()));
     }
     return ParseOutcome::Run;
 }
@@ -221,12 +243,35 @@ ParseOutcome parse_json_option(ArgumentCursor& cursor, const SubCommand& sub,
             *text = sub.help;
             return ParseOutcome::Help;
         }
-        if (arg == "--json")
-            invocation->json = true;
-        else if (arg[0] == '-')
-            return outcome_of(cursor.fail("unknown option '" + arg + "'"));
-        else
-            return outcome_of(cursor.fail("unexpected argument '" + arg + "'"));
+        if (arg != "--json")
+            return outcome_of(cursor.fail_unexpected(arg));
+        invocation->json = true;
+    }
+    return ParseOutcome::Run;
+}
+
+ParseOutcome parse_metrics(ArgumentCursor& cursor, const SubCommand& sub, CtlInvocation* invocation,
+                           std::string* text)
+{
+    while (!cursor.done()) {
+        if (is_help(cursor.peek())) {
+            *text = sub.help;
+            return ParseOutcome::Help;
+        }
+        if (cursor.peek() == "--openmetrics") {
+            cursor.take();
+            invocation->openmetrics = true;
+            continue;
+        }
+        bool matched = false;
+        if (!cursor.option_value("--output", &invocation->output, &matched))
+            return ParseOutcome::UsageError;
+        if (matched) {
+            if (invocation->output.empty())
+                return outcome_of(cursor.fail("--output must not be empty"));
+            continue;
+        }
+        return outcome_of(cursor.fail_unexpected(cursor.peek()));
     }
     return ParseOutcome::Run;
 }
@@ -370,6 +415,8 @@ ParseOutcome parse_command_line(const std::vector<std::string>& args, CtlInvocat
             return parse_json_option(cursor, sub, invocation, text);
         case CtlAction::Trigger:
             return parse_trigger(cursor, sub, invocation, text);
+        case CtlAction::Metrics:
+            return parse_metrics(cursor, sub, invocation, text);
         }
     }
     if (args[0][0] == '-')
@@ -402,6 +449,7 @@ const char* service_command_word(CtlAction action)
     case CtlAction::Unregister:
         return "unregister";
     case CtlAction::Status:
+    case CtlAction::Metrics:
         return "status";
     case CtlAction::Trigger:
         break;

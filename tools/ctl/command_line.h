@@ -17,7 +17,7 @@ enum CtlExitStatus {
 };
 
 /// The sub-commands.
-enum class CtlAction { Test, ListPmi, Register, Unregister, Listen, Trigger, Status };
+enum class CtlAction { Test, ListPmi, Register, Unregister, Listen, Trigger, Status, Metrics };
 
 /// Name/value pairs in the order given.
 using NameValueList = std::vector<std::pair<std::string, std::string>>;
@@ -33,6 +33,8 @@ struct CtlInvocation {
     bool one_line = false;                ///< trigger: send the single line ONE LINE TRIGGER
     std::string command = "TRIGGER";      ///< trigger: the message's first line
     NameValueList pairs;                  ///< trigger: the message's NAME=VALUE lines
+    bool openmetrics = false;             ///< metrics: OpenMetrics instead of the text format 0.0.4
+    std::string output;                   ///< metrics: the file to replace; empty: standard output
 };
 
 /// Parses the arguments after the program name.  `text` receives the help

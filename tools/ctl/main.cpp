@@ -1,6 +1,8 @@
 // q9_korvane_xml_events_ctl: the operator's client of the daemon.
 #include "common/stop_signals.h"
+#include "ctl/atomic_file.h"
 #include "ctl/command_line.h"
+#include "ctl/metrics_output.h"
 #include "ctl/output.h"
 #include "ctl/service_client.h"
 #include "ctl/status_output.h"
@@ -12,6 +14,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 
 namespace {
 
@@ -58,22 +61,56 @@ int run_request(const CtlInvocation& invocation)
     return reply_succeeded(reply.get()) ? CTL_EXIT_OK : CTL_EXIT_FAILED;
 }
 
-// A daemon that does not know "status" answers as to any unknown command;
-// that reply is printed as it came.
+// Asks for the status; CTL_EXIT_FAILED with the reply kept when the daemon
+// refused it (a daemon that does not know "status" answers as to any
+// unknown command).
+int ask_status(ServiceConnection& connection, PacketPtr* reply)
+{
+    int status = ask_daemon(connection, "status", {}, reply);
+    if (status == CTL_EXIT_OK && !reply_succeeded(reply->get()))
+        return CTL_EXIT_FAILED;
+    return status;
+}
+
+// A refused request is printed as it came.
 int run_status(const CtlInvocation& invocation)
 {
     ServiceConnection connection;
     PacketPtr reply;
-    int status = ask_daemon(connection, "status", {}, &reply);
+    int status = ask_status(connection, &reply);
+    if (status == CTL_EXIT_FAILED && reply)
+        fputs(format_reply(reply.get()).c_str(), stdout);
     if (status != CTL_EXIT_OK)
         return status;
-    if (!reply_succeeded(reply.get())) {
-        fputs(format_reply(reply.get()).c_str(), stdout);
-        return CTL_EXIT_FAILED;
-    }
     const comm_socket_v4_packet* answer = reply.get();
     fputs((invocation.json ? format_status_json(answer) : format_status_text(answer)).c_str(), stdout);
     return CTL_EXIT_OK;
+}
+
+// Whatever stopped the status, the metrics still say so: a scraper then
+// sees daemon_running 0 instead of figures that stopped changing.
+int run_metrics(const CtlInvocation& invocation)
+{
+    ServiceConnection connection;
+    PacketPtr reply;
+    int status = ask_status(connection, &reply);
+    if (status == CTL_EXIT_FAILED && reply) {
+        fputs(format_reply(reply.get()).c_str(), stderr);
+        fail(status, "the daemon refused the status request");
+    }
+    ExpositionFormat format =
+        invocation.openmetrics ? ExpositionFormat::OpenMetrics : ExpositionFormat::Prometheus;
+    uint64_t now = static_cast<uint64_t>(time(nullptr));
+    std::string text = status == CTL_EXIT_OK ? format_metrics(status_object(reply.get()), now, format)
+                                             : format_metrics_without_daemon(format);
+    if (invocation.output.empty()) {
+        fputs(text.c_str(), stdout);
+        return status;
+    }
+    std::string error;
+    if (!replace_file(invocation.output, text, &error))
+        return fail(status == CTL_EXIT_OK ? CTL_EXIT_FAILED : status, error);
+    return status;
 }
 
 // Prints notifications until a stop signal.  The signals stay blocked except
@@ -149,6 +186,8 @@ int main(int argc, char** argv)
         return run_trigger(invocation);
     case CtlAction::Status:
         return run_status(invocation);
+    case CtlAction::Metrics:
+        return run_metrics(invocation);
     default:
         return run_request(invocation);
     }

@@ -36,6 +36,7 @@ const Field kTypedFields[] = {
     {"tcp.*.messages", Kind::number},
     {"clients.*.index", Kind::number},
     {"clients.*.listening", Kind::flag},
+    {"state_file.unsaved_since", Kind::number},
     {"channels.*.number", Kind::number},
     {"channels.*.since", Kind::number},
     {"counters.triggers", Kind::number},
@@ -50,8 +51,8 @@ const Field kTypedFields[] = {
     {"passes.slowest_work_us", Kind::number},
 };
 
-const char* const kTopLevel[] = {"version", "pid",     "uptime_s", "daemon",   "config",  "tcp",
-                                 "clients", "items",   "channels", "counters", "passes"};
+const char* const kTopLevel[] = {"version", "pid",   "uptime_s",   "daemon",   "config",   "tcp",
+                                 "clients", "items", "state_file", "channels", "counters", "passes"};
 const char* const kLists[] = {"tcp", "clients", "items", "channels"};
 // More list members than any daemon has; a larger position is kept as a
 // plain name rather than growing an array to it.
@@ -147,17 +148,9 @@ std::string text_of(const Json& value)
     return value.dump();
 }
 
-const Json& member(const Json& object, const char* name)
-{
-    static const Json missing;
-    if (!object.is_object() || !object.contains(name))
-        return missing;
-    return object[name];
-}
-
 std::string field(const Json& object, const char* group, const char* name)
 {
-    return text_of(member(member(object, group), name));
+    return text_of(status_member(status_member(object, group), name));
 }
 
 uint64_t count_of(const Json& value)
@@ -233,15 +226,15 @@ std::string table(const std::vector<Column>& columns, const std::vector<std::vec
 
 std::string header_lines(const Json& status)
 {
-    std::string text = "q9_korvane_xml_events_d " + text_of(member(status, "version")) + ", pid " +
-                       text_of(member(status, "pid")) + ", up " +
-                       duration(count_of(member(status, "uptime_s"))) + "\n";
-    const Json& config = member(status, "config");
+    std::string text = "q9_korvane_xml_events_d " + text_of(status_member(status, "version")) + ", pid " +
+                       text_of(status_member(status, "pid")) + ", up " +
+                       duration(count_of(status_member(status, "uptime_s"))) + "\n";
+    const Json& config = status_member(status, "config");
     text += "Configuration: " + quote_if_needed(field(status, "config", "path")) + ", " +
-            plural(count_of(member(config, "sections")), "section", "sections") + ", last load " +
-            utc_time(member(config, "loaded_at")) + " (" + field(status, "config", "result") + ")\n";
+            plural(count_of(status_member(config, "sections")), "section", "sections") + ", last load " +
+            utc_time(status_member(config, "loaded_at")) + " (" + field(status, "config", "result") + ")\n";
     text += "Settings:";
-    const Json& settings = member(status, "daemon");
+    const Json& settings = status_member(status, "daemon");
     if (settings.is_object())
         for (const auto& [name, value] : settings.items())
             text += " " + name + "=" + text_of(value);
@@ -250,13 +243,14 @@ std::string header_lines(const Json& status)
 
 std::string tcp_section(const Json& status)
 {
-    const Json& list = member(status, "tcp");
+    const Json& list = status_member(status, "tcp");
     std::vector<std::vector<std::string>> rows;
     for (const Json& peer : list)
-        rows.push_back({text_of(member(peer, "fd")), text_of(member(peer, "peer")),
-                        text_of(member(peer, "state")), text_of(member(peer, "bytes_read")),
-                        text_of(member(peer, "messages"))});
-    return "\nTCP connections: " + std::to_string(rows.size()) + " of 4\n" +
+        rows.push_back({text_of(status_member(peer, "fd")), text_of(status_member(peer, "peer")),
+                        text_of(status_member(peer, "state")), text_of(status_member(peer, "bytes_read")),
+                        text_of(status_member(peer, "messages"))});
+    return "\nTCP connections: " + std::to_string(rows.size()) + " of " +
+           std::to_string(kTcpConnectionPlaces) + "\n" +
            table({{"FD", true}, {"PEER", false}, {"STATE", false}, {"BYTES READ", true},
                   {"MESSAGES", true}},
                  rows);
@@ -266,11 +260,11 @@ std::string clients_section(const Json& status)
 {
     std::vector<std::vector<std::string>> rows;
     size_t listening = 0;
-    for (const Json& client : member(status, "clients")) {
-        bool listens = member(client, "listening") == true;
+    for (const Json& client : status_member(status, "clients")) {
+        bool listens = status_member(client, "listening") == true;
         listening += listens;
-        std::string target = text_of(member(client, "target"));
-        rows.push_back({text_of(member(client, "index")), listens ? "yes" : "no",
+        std::string target = text_of(status_member(client, "target"));
+        rows.push_back({text_of(status_member(client, "index")), listens ? "yes" : "no",
                         target.empty() ? "-" : quote_if_needed(target)});
     }
     return "\nLocal clients: " + std::to_string(rows.size()) + ", " + std::to_string(listening) +
@@ -278,21 +272,34 @@ std::string clients_section(const Json& status)
            table({{"INDEX", true}, {"LISTENING", false}, {"LAST TARGET", false}}, rows);
 }
 
+// Where the items are kept, when a state file keeps them.
+std::string state_file_line(const Json& status)
+{
+    const Json& kept_in = status_member(status_member(status, "daemon"), "state_file");
+    if (!kept_in.is_string() || kept_in.get<std::string>().empty())
+        return "";
+    std::string path = kept_in.get<std::string>();
+    const Json& since = status_member(status_member(status, "state_file"), "unsaved_since");
+    if (count_of(since) == 0)
+        return "  kept in " + quote_if_needed(path) + "\n";
+    return "  NOT SAVED to " + quote_if_needed(path) + " since " + utc_time(since) + "\n";
+}
+
 std::string items_section(const Json& status)
 {
     std::vector<std::vector<std::string>> rows;
-    for (const Json& item : member(status, "items"))
-        rows.push_back({quote_if_needed(text_of(member(item, "name")))});
+    for (const Json& item : status_member(status, "items"))
+        rows.push_back({quote_if_needed(text_of(status_member(item, "name")))});
     return "\nPersistent media items: " + std::to_string(rows.size()) + "\n" +
-           table({{"NAME", false}}, rows);
+           table({{"NAME", false}}, rows) + state_file_line(status);
 }
 
 std::string channels_section(const Json& status)
 {
     std::vector<std::vector<std::string>> rows;
-    for (const Json& channel : member(status, "channels"))
-        rows.push_back({text_of(member(channel, "number")), text_of(member(channel, "state")),
-                        utc_time(member(channel, "since"))});
+    for (const Json& channel : status_member(status, "channels"))
+        rows.push_back({text_of(status_member(channel, "number")), text_of(status_member(channel, "state")),
+                        utc_time(status_member(channel, "since"))});
     return "\nRender-manager channels: " + std::to_string(rows.size()) + "\n" +
            table({{"CHANNEL", true}, {"STATE", false}, {"SINCE", false}}, rows);
 }
@@ -326,6 +333,14 @@ std::string counters_section(const Json& status)
 }
 
 }  // namespace
+
+const Json& status_member(const Json& object, const char* name)
+{
+    static const Json missing;
+    if (!object.is_object() || !object.contains(name))
+        return missing;
+    return object[name];
+}
 
 Json status_object(const comm_socket_v4_packet* reply)
 {

@@ -1,6 +1,8 @@
 #include "config/configuration.h"
 
-#include "daemon/lifecycle.h"
+#include "config_test_support.h"
+
+#include "daemon/main_loop.h"
 #include "daemon/process_state.h"
 #include "text.h"
 #include "fixed_paths.h"
@@ -80,13 +82,7 @@ protected:
     static void write(const std::string& content) { std::ofstream(path, std::ios::trunc) << content; }
 
     // Runs the loader; its stderr lands in `err`.
-    bool load()
-    {
-        testing::internal::CaptureStderr();
-        bool loaded = load_configuration();
-        err = testing::internal::GetCapturedStderr();
-        return loaded;
-    }
+    bool load() { return load_capturing_stderr(err); }
 
     std::string err;
 };

@@ -1,4 +1,6 @@
 #include "config/configuration.h"
+
+#include "config_test_support.h"
 #include "config/daemon_settings.h"
 #include "fixed_paths.h"
 
@@ -19,7 +21,7 @@ constexpr const char* section_report =
     "  Channel:    1\n";
 constexpr const char* defaults_report =
     "Daemon settings: wake_on_input = false, close_long_lines = false, max_message_bytes = 0, "
-    "tcp_idle_timeout_s = 0, client_send_timeout_ms = 0\n";
+    "tcp_idle_timeout_s = 0, client_send_timeout_ms = 0, state_file = \"\"\n";
 
 class DaemonTable : public ::testing::Test {
 protected:
@@ -42,10 +44,7 @@ protected:
     bool load(const std::string& content)
     {
         write(content);
-        testing::internal::CaptureStderr();
-        bool loaded = load_configuration();
-        err = testing::internal::GetCapturedStderr();
-        return loaded;
+        return load_capturing_stderr(err);
     }
 
     std::string err;
@@ -69,15 +68,18 @@ TEST_F(DaemonTable, EmptyTableReportsTheDefaultsInForce)
 TEST_F(DaemonTable, EverySettingIsReadAndReportedAfterTheSections)
 {
     ASSERT_TRUE(load("[daemon]\nwake_on_input = true\nclose_long_lines = true\n"
-                     "max_message_bytes = 4096\ntcp_idle_timeout_s = 30\nclient_send_timeout_ms = 750\n" +
+                     "max_message_bytes = 4096\ntcp_idle_timeout_s = 30\nclient_send_timeout_ms = 750\n"
+                     "state_file = \"/var/lib/q9/items\"\n" +
                      std::string(one_section)));
     EXPECT_EQ(err, std::string(section_report) +
                        "Daemon settings: wake_on_input = true, close_long_lines = true, "
-                       "max_message_bytes = 4096, tcp_idle_timeout_s = 30, client_send_timeout_ms = 750\n");
+                       "max_message_bytes = 4096, tcp_idle_timeout_s = 30, client_send_timeout_ms = 750, "
+                       "state_file = \"/var/lib/q9/items\"\n");
     EXPECT_TRUE(daemon_settings.wake_on_input);
     EXPECT_TRUE(daemon_settings.close_long_lines);
     EXPECT_EQ(daemon_settings.max_message_bytes, 4096u);
     EXPECT_EQ(daemon_settings.tcp_idle_timeout_s, 30u);
+    EXPECT_EQ(daemon_settings.state_file, "/var/lib/q9/items");
     EXPECT_EQ(daemon_settings.client_send_timeout_ms, 750u);
 }
 
@@ -98,9 +100,17 @@ TEST_F(DaemonTable, CountOfTheWrongTypeOrBelowZeroIsReportedAndKeepsItsDefault)
                    "Warning: [daemon] tcp_idle_timeout_s = 2.5 is not an integer, keeping 0\n"
                    "Warning: [daemon] client_send_timeout_ms = true is not an integer, keeping 0\n"
                    "Daemon settings: wake_on_input = true, close_long_lines = false, "
-                   "max_message_bytes = 0, tcp_idle_timeout_s = 0, client_send_timeout_ms = 0\n");
+                   "max_message_bytes = 0, tcp_idle_timeout_s = 0, client_send_timeout_ms = 0, state_file = \"\"\n");
     EXPECT_TRUE(daemon_settings.wake_on_input);
     EXPECT_EQ(daemon_settings.max_message_bytes, 0u);
+}
+
+TEST_F(DaemonTable, StateFileOfTheWrongTypeIsReportedAndKeepsNone)
+{
+    ASSERT_TRUE(load("[daemon]\nstate_file = 7\n"));
+    EXPECT_EQ(err, "Warning: [daemon] state_file = 7 is not a string, keeping \"\"\n" +
+                       std::string(defaults_report));
+    EXPECT_EQ(daemon_settings.state_file, "");
 }
 
 TEST_F(DaemonTable, ZeroIsAcceptedForEveryCount)
@@ -126,7 +136,7 @@ TEST_F(DaemonTable, UnknownKeysAreReportedInNameOrderAndIgnored)
                    "Warning: [daemon] unknown key 'alpha' ignored\n"
                    "Warning: [daemon] unknown key 'zeta' ignored\n"
                    "Daemon settings: wake_on_input = true, close_long_lines = false, "
-                   "max_message_bytes = 0, tcp_idle_timeout_s = 0, client_send_timeout_ms = 0\n");
+                   "max_message_bytes = 0, tcp_idle_timeout_s = 0, client_send_timeout_ms = 0, state_file = \"\"\n");
     EXPECT_TRUE(daemon_settings.wake_on_input);
 }
 

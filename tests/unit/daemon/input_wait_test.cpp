@@ -1,6 +1,8 @@
 #include "daemon/input_wait.h"
 
 #include "appliance_util.h"
+#include "daemon/main_loop.h"
+#include "daemon/pass_limits.h"
 #include "daemon/process_state.h"
 #include "daemon/signals.h"
 #include "service/command_server.h"
@@ -57,6 +59,12 @@ bool readable(int fd)
     return poll(&ready, 1, 10000) == 1;
 }
 
+/// Bytes the connection has read in the current window.
+size_t window_bytes(const TCPTriggerClient& record)
+{
+    return tcp_bytes_per_window - record.window_left;
+}
+
 bool watches(const std::vector<pollfd>& fds, int fd)
 {
     return std::any_of(fds.begin(), fds.end(), [fd](const pollfd& entry) { return entry.fd == fd; });
@@ -92,10 +100,10 @@ protected:
     // length.
     void start_new_window()
     {
-        usleep(input_window_us + 10000);
+        usleep(pass_interval_us + 10000);
         DIEsig = 1;
         window_opened = monotonic_clock_us();
-        wait_for_input(0);
+        wait_for_input(window, 0);
         DIEsig = 0;
     }
 
@@ -107,7 +115,7 @@ protected:
         size_t before = tcp_clients.size();
         testing::internal::CaptureStderr();
         for (int i = 0; i < 1000 && tcp_clients.size() == before; ++i) {
-            service_tcp_clients_in_window();
+            service_tcp_step();
             usleep(1000);
         }
         testing::internal::GetCapturedStderr();
@@ -132,7 +140,7 @@ protected:
     {
         testing::internal::CaptureStderr();
         for (int i = 0; i < passes; ++i)
-            serve_tcp_clients_in_window();
+            serve_tcp_steps(waking);
         testing::internal::GetCapturedStderr();
     }
 
@@ -141,11 +149,14 @@ protected:
     void expect_wait_to_end_with_the_window()
     {
         uint64_t start = monotonic_clock_us();
-        wait_for_input(start + far_away_us);
-        EXPECT_GE(monotonic_clock_us(), window_opened + input_window_us);
+        wait_for_input(window, start + far_away_us);
+        EXPECT_GE(monotonic_clock_us(), window_opened + pass_interval_us);
         EXPECT_LT(monotonic_clock_us() - start, far_away_us / 2);
     }
 
+    /// What a waking pass may do.
+    const PassBudget waking{calls_per_pass, true};
+    PassWindow window;
     std::vector<int> peers;
     uint64_t window_opened = 0;
 };
@@ -153,10 +164,10 @@ protected:
 TEST_F(WakingLoop, FloodGetsTheWindowBudgetAndNoMoreUntilTheNextWindow)
 {
     TCPTriggerClient& record = flooding_peer(5);
-    EXPECT_EQ(tcp_window_budget, record.bytes_read);
+    EXPECT_EQ(tcp_bytes_per_window, record.bytes_read);
     open_tcp_window();
     serve_tcp_passes(1);
-    EXPECT_EQ(2 * tcp_window_budget, record.bytes_read);
+    EXPECT_EQ(2 * tcp_bytes_per_window, record.bytes_read);
 }
 
 TEST_F(WakingLoop, OnePassReadsWhatArrivedWhileTheBudgetLasts)
@@ -166,7 +177,7 @@ TEST_F(WakingLoop, OnePassReadsWhatArrivedWhileTheBudgetLasts)
     send_all(peer, std::string(1000, '\n'));
     serve_tcp_passes(1);
     EXPECT_EQ(1000u, record.bytes_read);
-    EXPECT_EQ(1000u, record.window_bytes);
+    EXPECT_EQ(1000u, window_bytes(record));
 }
 
 TEST_F(WakingLoop, SecondConnectionIsServedWhileTheFirstHasSpentItsBudget)
@@ -176,12 +187,12 @@ TEST_F(WakingLoop, SecondConnectionIsServedWhileTheFirstHasSpentItsBudget)
     int other = accepted_peer();
     send_all(flooder, std::string(8000, '\n'));
     serve_tcp_passes(3);
-    ASSERT_EQ(tcp_window_budget, flooding.bytes_read);
+    ASSERT_EQ(tcp_bytes_per_window, flooding.bytes_read);
     send_all(other, "ONE LINE TRIGGER\n");
     serve_tcp_passes(1);
     ASSERT_TRUE(readable(other));
     EXPECT_EQ("OK\n", received(other));
-    EXPECT_EQ(tcp_window_budget, flooding.bytes_read);
+    EXPECT_EQ(tcp_bytes_per_window, flooding.bytes_read);
 }
 
 TEST_F(WakingLoop, SpentBudgetIsNotWaitedOnButTheOtherConnectionIs)
@@ -255,7 +266,7 @@ TEST_F(WakingLoop, WaitEndsWhenATriggerArrives)
         send(peer, "ONE LINE TRIGGER\n", 17, MSG_NOSIGNAL);
     });
     uint64_t start = monotonic_clock_us();
-    wait_for_input(start + far_away_us);
+    wait_for_input(window, start + far_away_us);
     sender.join();
     EXPECT_LT(monotonic_clock_us() - start, far_away_us / 2);
     serve_tcp_passes(1);
@@ -269,7 +280,7 @@ TEST_F(WakingLoop, WaitEndsWhenAPeerConnects)
         peers.push_back(connect_to_trigger_port());
     });
     uint64_t start = monotonic_clock_us();
-    wait_for_input(start + far_away_us);
+    wait_for_input(window, start + far_away_us);
     connector.join();
     EXPECT_LT(monotonic_clock_us() - start, far_away_us / 2);
 }
@@ -277,25 +288,25 @@ TEST_F(WakingLoop, WaitEndsWhenAPeerConnects)
 TEST_F(WakingLoop, WaitWithNothingToDoLastsUntilTheNextRefresh)
 {
     uint64_t refresh = monotonic_clock_us() + 300000;
-    wait_for_input(refresh);
+    wait_for_input(window, refresh);
     EXPECT_GE(monotonic_clock_us(), refresh);
 }
 
 TEST_F(WakingLoop, SpentBudgetWakesAtTheWindowsEndAndNotBefore)
 {
     TCPTriggerClient& record = flooding_peer(3);
-    ASSERT_EQ(tcp_window_budget, record.window_bytes);
+    ASSERT_EQ(tcp_bytes_per_window, window_bytes(record));
     expect_wait_to_end_with_the_window();
     DIEsig = 1;
-    wait_for_input(0);
-    EXPECT_EQ(0u, record.window_bytes);
+    wait_for_input(window, 0);
+    EXPECT_EQ(0u, window_bytes(record));
 }
 
 TEST_F(WakingLoop, CountedStopSignalSkipsTheWait)
 {
     DIEsig = 1;
     uint64_t start = monotonic_clock_us();
-    wait_for_input(start + far_away_us);
+    wait_for_input(window, start + far_away_us);
     EXPECT_LT(monotonic_clock_us() - start, far_away_us / 2);
 }
 
@@ -308,7 +319,7 @@ TEST_F(WakingLoop, HangupDuringTheWaitEndsIt)
         pthread_kill(waiter, SIGHUP);
     });
     uint64_t start = monotonic_clock_us();
-    wait_for_input(start + far_away_us);
+    wait_for_input(window, start + far_away_us);
     signaller.join();
     EXPECT_LT(monotonic_clock_us() - start, far_away_us / 2);
     EXPECT_EQ(1, reload_config);
@@ -319,7 +330,7 @@ TEST_F(WakingLoop, WaitLeavesTheSignalMaskAsItFoundIt)
 {
     sigset_t before;
     sigprocmask(SIG_SETMASK, nullptr, &before);
-    wait_for_input(monotonic_clock_us() + 1000);
+    wait_for_input(window, monotonic_clock_us() + 1000);
     sigset_t after;
     sigprocmask(SIG_SETMASK, nullptr, &after);
     for (int signo : {SIGINT, SIGTERM, SIGQUIT, SIGHUP})
@@ -360,7 +371,7 @@ protected:
     void serve()
     {
         testing::internal::CaptureStderr();
-        serve_command_server_in_window();
+        serve_command_server_rounds(window, waking);
         testing::internal::GetCapturedStderr();
     }
 
@@ -381,12 +392,12 @@ protected:
 TEST_F(CommandServerWindow, TenRoundsThatFindWorkPerWindowThenTheNextWindow)
 {
     int replies = 0;
-    for (int i = 0; i < server_rounds_per_window; ++i) {
+    for (int i = 0; i < calls_per_pass; ++i) {
         send_test_request();
         serve();
         replies += replies_received();
     }
-    EXPECT_EQ(server_rounds_per_window, replies);
+    EXPECT_EQ(calls_per_pass, replies);
     send_test_request();
     serve();
     EXPECT_EQ(0, replies_received());
@@ -397,7 +408,7 @@ TEST_F(CommandServerWindow, TenRoundsThatFindWorkPerWindowThenTheNextWindow)
 
 TEST_F(CommandServerWindow, RoundThatFindsNothingEndsThePassWithoutSpendingTheBudget)
 {
-    for (int i = 0; i < 3 * server_rounds_per_window; ++i)
+    for (int i = 0; i < 3 * calls_per_pass; ++i)
         serve();
     send_test_request();
     serve();
@@ -406,7 +417,7 @@ TEST_F(CommandServerWindow, RoundThatFindsNothingEndsThePassWithoutSpendingTheBu
 
 TEST_F(CommandServerWindow, SpentRoundsLeaveTheServerUnwatched)
 {
-    for (int i = 0; i < server_rounds_per_window; ++i) {
+    for (int i = 0; i < calls_per_pass; ++i) {
         send_test_request();
         serve();
     }

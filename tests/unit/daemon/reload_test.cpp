@@ -1,5 +1,5 @@
 #include "config/configuration.h"
-#include "daemon/lifecycle.h"
+#include "daemon/main_loop.h"
 #include "daemon/process_state.h"
 #include "fixed_paths.h"
 

@@ -8,11 +8,7 @@ namespace {
 
 class ChannelStatesTest : public testing::Test {
 protected:
-    void TearDown() override
-    {
-        free_all();
-        channel_states.clear();
-    }
+    void TearDown() override { free_all(); }
 };
 
 TEST_F(ChannelStatesTest, StateFollowsTheConnectionRecord)
@@ -34,11 +30,11 @@ TEST_F(ChannelStatesTest, NotingKeepsTheTimeOfTheLastChange)
     RenderManagerConnection* connection = rendermgr_get_or_create_channel(2);
     note_channel_states(100);
     note_channel_states(200);
-    EXPECT_EQ(100u, channel_state_since(2, ChannelState::failed, 300));
+    EXPECT_EQ(100u, channel_state_since(*connection, ChannelState::failed, 300));
     connection->open = true;
-    EXPECT_EQ(300u, channel_state_since(2, ChannelState::open, 300)) << "changed after the note";
+    EXPECT_EQ(300u, channel_state_since(*connection, ChannelState::open, 300)) << "changed after the note";
     note_channel_states(400);
-    EXPECT_EQ(400u, channel_state_since(2, ChannelState::open, 500));
+    EXPECT_EQ(400u, channel_state_since(*connection, ChannelState::open, 500));
 }
 
 TEST_F(ChannelStatesTest, NotingFollowsChannelsComingAndGoing)
@@ -51,12 +47,12 @@ TEST_F(ChannelStatesTest, NotingFollowsChannelsComingAndGoing)
     rendermgr_get_or_create_channel(5);
     note_channel_states(200);
     std::vector<std::pair<int, uint64_t>> noted;
-    for (const auto& [channel, record] : channel_states)
-        noted.emplace_back(channel, record.since_us);
+    for (const auto& [channel, connection] : rendermgr_conn)
+        noted.emplace_back(channel, connection->noted_state.since_us);
     EXPECT_EQ((std::vector<std::pair<int, uint64_t>>{{2, 200}, {3, 100}, {5, 200}}), noted);
     free_all();
     note_channel_states(300);
-    EXPECT_TRUE(channel_states.empty());
+    EXPECT_TRUE(rendermgr_conn.empty());
 }
 
 }  // namespace

@@ -8,7 +8,6 @@
 #include "rendermgr/channels.h"
 #include "comm_packet_reader.h"
 #include "service/command_server.h"
-#include "trigger/tcp_peer_records.h"
 #include "trigger/trigger_listener.h"
 
 #include <gtest/gtest.h>
@@ -32,7 +31,6 @@ protected:
         server_socket_clients.clear();
         media_persistence.clear();
         free_all();
-        channel_states.clear();
         daemon_settings = DaemonSettings();
         daemon_counters = DaemonCounters();
         if (peer_ >= 0)
@@ -68,7 +66,7 @@ protected:
         address.sin_family = AF_INET;
         address.sin_port = htons(5000);
         inet_pton(AF_INET, "192.0.2.7", &address.sin_addr);
-        note_tcp_peer(ends[0], address);
+        tcp_clients[ends[0]].peer = address;
         EXPECT_EQ(9, send(peer_, "TRIGGER\na", 9, 0));
         tcp_clients[ends[0]].idle();
         return ends[0];
@@ -86,7 +84,7 @@ TEST_F(StatusCommandTest, IdleDaemonHasHeaderCountersAndNoListMembers)
     EXPECT_EQ(configuration_path, fields["config.path"]);
     EXPECT_EQ("failed", fields["config.result"]) << "nothing loaded yet";
     EXPECT_EQ("false", fields["daemon.wake_on_input"]);
-    EXPECT_EQ(22u, names.size());
+    EXPECT_EQ(24u, names.size());
     EXPECT_EQ("passes.slowest_work_us", names.back());
 }
 
@@ -138,7 +136,7 @@ TEST_F(StatusCommandTest, ConnectionsClientsItemsAndChannelsAreListed)
 TEST_F(StatusCommandTest, ConnectionWithoutRecordShowsAnUnknownPeer)
 {
     int fd = connect_reading_peer();
-    forget_tcp_peer(fd);
+    tcp_clients.at(fd).peer = sockaddr_in{};
     Fields fields = reply();
     EXPECT_EQ("unknown", fields["tcp.0.peer"]);
     EXPECT_EQ("0", fields["tcp.0.messages"]);

@@ -364,7 +364,7 @@ TEST_F(ListenerLimits, WindowStepClosesASilentPeerAndCountsItAsWork)
     int fd = tcp_clients.begin()->first;
     tcp_clients.begin()->second.last_input_us = monotonic_clock_us() - 2 * one_second_us;
     testing::internal::CaptureStderr();
-    EXPECT_TRUE(service_tcp_clients_in_window());
+    EXPECT_TRUE(service_tcp_step());
     EXPECT_EQ(testing::internal::GetCapturedStderr(),
               fd_line("TCP client fd %d idle for 1 s, closing\n", fd) +
                   fd_line("Dropping TCP client fd %d\n", fd));
@@ -381,7 +381,7 @@ TEST_F(ListenerLimits, WindowStepClosesALongLine)
     send_text(peer, std::string(1100, 'x'));
     testing::internal::CaptureStderr();
     wait_until([&] {
-        service_tcp_clients_in_window();
+        service_tcp_step();
         return tcp_clients.empty();
     });
     EXPECT_EQ(testing::internal::GetCapturedStderr(),

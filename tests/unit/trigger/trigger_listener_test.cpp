@@ -141,6 +141,17 @@ protected:
             connect_peer();
         ASSERT_TRUE(wait_until([&] { return queued_connections() == static_cast<unsigned>(count); }));
     }
+    // One accepted connection whose peer has sent `text`, all of it waiting
+    // at the daemon's end; the daemon's descriptor.
+    int accepted_with_pending(const std::string& text)
+    {
+        open_listener_and_connect(1);
+        step();
+        int fd = daemon_fd_of(peers[0]);
+        send_text(peers[0], text);
+        EXPECT_TRUE(wait_until([&] { return pending_bytes(fd) == static_cast<int>(text.size()); }));
+        return fd;
+    }
 
     std::vector<int> peers;
 };
@@ -258,11 +269,7 @@ TEST_F(TriggerListenerTest, AcceptedConnectionsStayBlocking)
 
 TEST_F(TriggerListenerTest, TriggerMessageIsReadHandledAndAnswered)
 {
-    open_listener_and_connect(1);
-    step();
-    int fd = daemon_fd_of(peers[0]);
-    send_text(peers[0], "TRIGGER\r\nchannel=2\r\n\r\n");
-    ASSERT_TRUE(wait_until([&] { return pending_bytes(fd) == 22; }));
+    int fd = accepted_with_pending("TRIGGER\r\nchannel=2\r\n\r\n");
     EXPECT_EQ(step(), "Message: command='TRIGGER'\n  'channel' = '2'\n");
     EXPECT_EQ(receive_at_least(peers[0], 4), "OK\n\n");
     EXPECT_EQ(tcp_clients.count(fd), 1u);
@@ -270,11 +277,7 @@ TEST_F(TriggerListenerTest, TriggerMessageIsReadHandledAndAnswered)
 
 TEST_F(TriggerListenerTest, ClientLeavingMidMessageIsReportedThenDroppedInTheSameStep)
 {
-    open_listener_and_connect(1);
-    step();
-    int fd = daemon_fd_of(peers[0]);
-    send_text(peers[0], "TRIGGER\n");
-    ASSERT_TRUE(wait_until([&] { return pending_bytes(fd) == 8; }));
+    int fd = accepted_with_pending("TRIGGER\n");
     EXPECT_EQ(step(), "");
     shutdown(peers[0], SHUT_WR);
     ASSERT_TRUE(readable(fd));

@@ -1,4 +1,4 @@
-#include "trigger/tcp_peer_records.h"
+#include "trigger/tcp_trigger_client.h"
 
 #include "trigger/trigger_listener.h"
 
@@ -11,8 +11,9 @@
 
 namespace {
 
-// A connection whose daemon side is a TCPTriggerClient in tcp_clients and
-// whose other side the test writes to.
+// What the status shows of a connection, kept in its record: a connection
+// whose daemon side is a TCPTriggerClient in tcp_clients and whose other
+// side the test writes to.
 class TcpPeerRecordsTest : public testing::Test {
 protected:
     void SetUp() override
@@ -24,7 +25,7 @@ protected:
         tcp_clients[fd_].take_fd(fd_);
         sockaddr_in address{};
         address.sin_port = htons(4711);
-        note_tcp_peer(fd_, address);
+        tcp_clients[fd_].peer = address;
     }
     void TearDown() override
     {
@@ -38,8 +39,8 @@ protected:
         tcp_clients[fd_].idle();
     }
 
-    const TcpPeerRecord& record() { return tcp_peer_records.at(fd_); }
-    const char* state() { return tcp_client_state(tcp_clients.at(fd_)); }
+    const TCPTriggerClient& record() { return tcp_clients.at(fd_); }
+    const char* state() { return record().state_name(); }
 
     int fd_ = -1;
     int peer_ = -1;
@@ -73,14 +74,17 @@ TEST_F(TcpPeerRecordsTest, ClosedConnectionIsClosedAndItsRecordGoesWithTheSweep)
     tcp_clients[fd_].idle();
     EXPECT_STREQ("closed", state());
     service_all_tcp_clients();
-    EXPECT_EQ(0u, tcp_peer_records.count(fd_));
+    EXPECT_EQ(0u, tcp_clients.count(fd_));
 }
 
 TEST_F(TcpPeerRecordsTest, CountingAnUnknownDescriptorChangesNothing)
 {
-    forget_tcp_peer(fd_);
-    count_tcp_message(fd_);
-    EXPECT_TRUE(tcp_peer_records.empty());
+    TCPTriggerClient stray;
+    stray.command = "HELLO";
+    testing::internal::CaptureStderr();
+    stray.handle_message();
+    testing::internal::GetCapturedStderr();
+    EXPECT_EQ(0u, record().messages);
 }
 
 }  // namespace
