@@ -112,6 +112,8 @@ struct ClientState {
 
 /// The server role of an endpoint: the listening socket's file and peers.
 struct ServerState {
+    /// The socket file this endpoint bound; empty for an adopted socket,
+    /// whose file is not the endpoint's to remove.
     std::string path;
     dev_t device = 0;  ///< identity of the socket file bound, so that only it is removed
     ino_t inode = 0;
@@ -146,8 +148,8 @@ void client_shut(comm_socket_v4* sock);
 
 // Server role (server.cpp, peers.cpp).
 int server_idle(comm_socket_v4* sock);
-/// Closes the listening socket, removes its file if it is still the one
-/// bound, and disconnects every peer.
+/// Closes the listening socket, removes its file if the endpoint bound it
+/// and it is still the one bound, and disconnects every peer.
 void server_shut(comm_socket_v4* sock);
 /// Accepts every waiting peer; false when the listening socket is unusable.
 bool accept_peers(comm_socket_v4* sock);

@@ -1,7 +1,11 @@
 // The server role: the listening socket, its file, and one poll of it all.
 #include "comm_internal.h"
 
+#include "appliance_util.h"
+#include "comm_socket_v4_host.h"
+
 #include <errno.h>
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <new>
@@ -85,6 +89,19 @@ void serve_polled_peers(ServerState& server)
     }
 }
 
+bool socket_option_is(int fd, int option, int wanted)
+{
+    int value = 0;
+    socklen_t length = sizeof(value);
+    return getsockopt(fd, SOL_SOCKET, option, &value, &length) == 0 && value == wanted;
+}
+
+bool is_listening_unix_stream(int fd)
+{
+    return socket_option_is(fd, SO_DOMAIN, AF_UNIX) && socket_option_is(fd, SO_TYPE, SOCK_STREAM) &&
+           socket_option_is(fd, SO_ACCEPTCONN, 1);
+}
+
 }  // namespace
 
 int comm_socket_v4_create_server(comm_socket_v4* sock, const char* path)
@@ -100,6 +117,19 @@ int comm_socket_v4_create_server(comm_socket_v4* sock, const char* path)
         return -1;
     int fd = listen_at(path, address, *server);
     if (fd < 0)
+        return -1;
+    sock->fd = fd;
+    sock->state->server = std::move(server);
+    return 0;
+}
+
+int comm_socket_v4_adopt_server(comm_socket_v4* sock, int fd)
+{
+    if (sock == nullptr || fd < 0 || sock->fd >= 0 || sock->state->client || sock->state->server ||
+        !is_listening_unix_stream(fd))
+        return -1;
+    std::unique_ptr<ServerState> server(new (std::nothrow) ServerState);
+    if (!server || fd_non_block(fd) != 0 || fcntl(fd, F_SETFD, FD_CLOEXEC) != 0)
         return -1;
     sock->fd = fd;
     sock->state->server = std::move(server);
@@ -129,8 +159,8 @@ void server_shut(comm_socket_v4* sock)
     if (sock->fd >= 0) {
         struct stat current;
         // Another server may have taken the path over since; its file stays.
-        if (lstat(server.path.c_str(), &current) == 0 && current.st_dev == server.device &&
-            current.st_ino == server.inode)
+        if (!server.path.empty() && lstat(server.path.c_str(), &current) == 0 &&
+            current.st_dev == server.device && current.st_ino == server.inode)
             unlink(server.path.c_str());
         close(sock->fd);
         sock->fd = -1;

@@ -5,6 +5,7 @@
 #include "config/configuration.h"
 #include "daemon/command_line.h"
 #include "daemon/daemon_counters.h"
+#include "daemon/handed_sockets.h"
 #include "daemon/instance_guard.h"
 #include "daemon/main_loop.h"
 #include "daemon/process_state.h"
@@ -52,11 +53,14 @@ int start_up(int argc, char** argv)
         fputs("Failed to load configuration.\n", stderr);
         return 1;
     }
+    take_handed_sockets();
     server_socket = comm_socket_v4_create();
     if (server_socket == nullptr) {
         fputs("Failed to create server socket\n", stderr);
         return 1;
     }
+    // tcp_trigger_open() keeps a listener that is open already.
+    tcp_trigger_fd = take_handed_trigger_listener();
     if (tcp_trigger_open() != 0) {
         fputs("Unable to open TCP socket\n", stderr);
         return 1;
@@ -65,7 +69,7 @@ int start_up(int argc, char** argv)
     syslog(LOG_DAEMON | LOG_INFO, "Starting up\n");
     // The kept items are in place before the first client can list them.
     load_state_file();
-    if (comm_socket_v4_create_server(server_socket, server_socket_path) != 0) {
+    if (command_server_listen(server_socket) != 0) {
         fprintf(stderr, "Failed to create server socket at %s\n", server_socket_path);
         return 1;
     }

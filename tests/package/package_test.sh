@@ -5,11 +5,15 @@
 #   - lintian finds no error and no warning;
 #   - hardening-check passes on every program;
 #   - each package holds exactly its files, /etc/q9_korvane_xml_events_d.toml
-#     is a conffile and the unit names the packaged daemon;
+#     is a conffile, the service names the packaged daemon, and systemd
+#     accepts the units and rates the service's exposure at 2.0 or below;
+#   - the maintainer scripts enable and start both units, restart the
+#     service on upgrade and never stop or restart the socket unit then;
 #   - install, upgrade, remove and purge run without error in a scratch
 #     root: the operator's edit of the conffile survives the upgrade and the
-#     removal, the purge takes it away, the unit is enabled on install and
-#     forgotten on purge; the metrics timer is installed but not enabled.
+#     removal, the purge takes it away, both units of the daemon are enabled
+#     on install and forgotten on purge; the metrics timer is installed but
+#     not enabled.
 # The scratch root is an overlay of this machine's / in a private mount
 # namespace, written to a tmpfs: dpkg runs the maintainer scripts there
 # (chrooted) with this machine's tools and package database, and nothing
@@ -83,6 +87,7 @@ files_of() {
 check "the daemon's package holds the daemon, the client, the units, the conffile, the monitoring guide" \
     [ "$(files_of "$daemon_deb")" = "./etc/q9_korvane_xml_events_d.toml
 ./lib/systemd/system/q9_korvane_xml_events_d.service
+./lib/systemd/system/q9_korvane_xml_events_d.socket
 ./lib/systemd/system/q9_korvane_xml_events_d_metrics.service
 ./lib/systemd/system/q9_korvane_xml_events_d_metrics.timer
 ./usr/bin/q9_korvane_xml_events_ctl
@@ -105,8 +110,33 @@ check "the configuration is the one conffile" \
     [ "$(control_file "$daemon_deb" conffiles)" = /etc/q9_korvane_xml_events_d.toml ]
 check "the conffile is the example configuration" \
     cmp -s "$work/files/etc/q9_korvane_xml_events_d.toml" "$top/packaging/q9_korvane_xml_events_d.toml"
-check "the unit names the packaged daemon" \
-    grep -qx 'ExecStart=/usr/sbin/q9_korvane_xml_events_d' "$work/files/lib/systemd/system/q9_korvane_xml_events_d.service"
+units=$work/files/lib/systemd/system
+check "the service names the packaged daemon" \
+    grep -qx 'ExecStart=/usr/sbin/q9_korvane_xml_events_d' "$units/q9_korvane_xml_events_d.service"
+check "the socket unit is the one of the tree" \
+    cmp -s "$units/q9_korvane_xml_events_d.socket" "$top/packaging/q9_korvane_xml_events_d.socket"
+check "systemd accepts the units; the service's exposure is 2.0 or below" \
+    "$top/tests/tools/unit_verify_test.sh" "$units/q9_korvane_xml_events_d.service" \
+    "$work/files/usr/sbin/q9_korvane_xml_events_d" "$units/q9_korvane_xml_events_d.socket"
+# What the maintainer scripts do to a unit: their lines that name it.
+script_lines_naming() {
+    control_file "$daemon_deb" "$1" 2>/dev/null | grep -F "'$2'" | sed 's/^[[:space:]]*//'
+}
+socket_unit=q9_korvane_xml_events_d.socket
+service_unit=q9_korvane_xml_events_d.service
+check "the postinst enables both units" \
+    [ "$(script_lines_naming postinst "$socket_unit" | grep -c "^deb-systemd-helper enable ")$(
+        script_lines_naming postinst "$service_unit" | grep -c "^deb-systemd-helper enable ")" = 11 ]
+check "the postinst starts the socket unit, on upgrade too, and never restarts it" \
+    [ "$(script_lines_naming postinst "$socket_unit" | grep deb-systemd-invoke)" = \
+      "deb-systemd-invoke start '$socket_unit' >/dev/null || true" ]
+check "the postinst restarts the service on upgrade, and the service only" \
+    [ "$(control_file "$daemon_deb" postinst | grep -A4 '_dh_action=restart' | grep deb-systemd-invoke |
+        sed 's/^[[:space:]]*//')" = "deb-systemd-invoke \$_dh_action '$service_unit' >/dev/null || true" ]
+check "the socket unit is stopped on removal only, never before an upgrade" \
+    [ "$(control_file "$daemon_deb" preinst 2>/dev/null | grep -c "$socket_unit")$(
+        control_file "$daemon_deb" prerm | grep -B1 "deb-systemd-invoke stop '$socket_unit'" | head -n 1 |
+        grep -c '"$1" = remove')" = 01 ]
 check "the metrics service runs the packaged client into the node exporter's folder" \
     grep -qx 'ExecStart=/usr/bin/q9_korvane_xml_events_ctl metrics --output /var/lib/prometheus/node-exporter/q9_korvane_xml_events_d.prom' \
     "$work/files/lib/systemd/system/q9_korvane_xml_events_d_metrics.service"
@@ -115,8 +145,6 @@ check "the alert rules are shipped as they are in the source" \
     "$top/packaging/q9_korvane_xml_events_d.rules.yml"
 check "the package suggests the node exporter" \
     [ "$(dpkg-deb -f "$daemon_deb" Suggests)" = prometheus-node-exporter ]
-check "the maintainer scripts go through deb-systemd-helper and restart on upgrade" \
-    grep -q '_dh_action=restart' <(control_file "$daemon_deb" postinst)
 check "the maintainer scripts never call systemctl to enable, start or stop" \
     bash -c '! grep -E "systemctl +(enable|disable|start|stop|restart)" <(dpkg-deb --ctrl-tarfile "$0" | tar -xOf - ./postinst ./prerm ./postrm)' "$daemon_deb"
 
@@ -133,6 +161,7 @@ status_of() {
 }
 conffile=$root/etc/q9_korvane_xml_events_d.toml
 wants=$root/etc/systemd/system/multi-user.target.wants/q9_korvane_xml_events_d.service
+socket_wants=$root/etc/systemd/system/sockets.target.wants/q9_korvane_xml_events_d.socket
 timer_wants=$root/etc/systemd/system/timers.target.wants/q9_korvane_xml_events_d_metrics.timer
 edit='# kept by the operator'
 
@@ -142,7 +171,9 @@ check "both packages are installed" \
 check "the daemon is in place" [ -x "$root/usr/sbin/q9_korvane_xml_events_d" ]
 check "the simulator is in place" [ -x "$root/usr/bin/q9_appliance_sim" ]
 check "the conffile is in place" cmp -s "$conffile" "$top/packaging/q9_korvane_xml_events_d.toml"
-check "the unit is enabled" [ "$(readlink "$wants")" = /lib/systemd/system/q9_korvane_xml_events_d.service ]
+check "the service is enabled" [ "$(readlink "$wants")" = /lib/systemd/system/q9_korvane_xml_events_d.service ]
+check "the socket unit is enabled" \
+    [ "$(readlink "$socket_wants")" = /lib/systemd/system/q9_korvane_xml_events_d.socket ]
 check "the metrics timer is not enabled" [ ! -L "$timer_wants" ]
 
 echo "$edit" >>"$conffile"
@@ -152,7 +183,10 @@ dpkg-deb -b --root-owner-group "$work/next" "$work/next.deb" >/dev/null
 check "upgrade runs without error or question" dpkg_in_root -i "$work/next.deb"
 check "the upgrade is installed" [ "$(status_of q9-korvane-xml-events-d)" = "ii $version+next" ]
 check "the operator's conffile is kept on upgrade" [ "$(tail -n 1 "$conffile")" = "$edit" ]
-check "the unit stays enabled on upgrade" [ -L "$wants" ]
+both_enabled() {
+    [ -L "$wants" ] && [ -L "$socket_wants" ]
+}
+check "both units stay enabled on upgrade" both_enabled
 check "the metrics timer stays off on upgrade" [ ! -L "$timer_wants" ]
 
 check "removal runs without error" dpkg_in_root -r q9-korvane-xml-events-d q9-appliance-sim
@@ -162,8 +196,8 @@ check "the operator's conffile is kept on removal" [ "$(tail -n 1 "$conffile")" 
 
 check "purge runs without error" dpkg_in_root -P q9-korvane-xml-events-d q9-appliance-sim
 check "the conffile is gone after purge" [ ! -e "$conffile" ]
-check "the unit is forgotten after purge" \
-    [ -z "$(ls -d "$wants" "$root"/var/lib/systemd/deb-systemd-helper-enabled/*q9_korvane* 2>/dev/null)" ]
+check "both units are forgotten after purge" \
+    [ -z "$(ls -d "$wants" "$socket_wants" "$root"/var/lib/systemd/deb-systemd-helper-enabled/*q9_korvane* 2>/dev/null)" ]
 check "nothing of either package is left in dpkg's records" \
     [ -z "$(status_of q9-korvane-xml-events-d)$(status_of q9-appliance-sim)" ]
 

@@ -117,12 +117,28 @@ Daemon::Daemon(std::vector<std::string> args, std::vector<std::string> wrapper,
 {
 }
 
+Daemon::Daemon(const ManagerSockets& sockets)
+    : ChildProcess(daemon_command({}, {}), "/dev/null", next_stderr_path(), {sockets.names_setting()},
+                   sockets.fds())
+{
+}
+
 // The PID file and the sockets come before the signal handlers: until the
 // daemon catches SIGHUP, a reload request would end it.
 bool Daemon::wait_until_running(std::chrono::milliseconds limit) const
 {
     return wait_until([&] { return daemon_ready() && in_signal_masks(pid(), SIGHUP, {"SigCgt:"}); },
                       limit);
+}
+
+bool Daemon::wait_until_serving(std::chrono::milliseconds limit) const
+{
+    return wait_until(
+        [&] {
+            return read_file(pid_path) == std::to_string(pid()) + "\n" &&
+                   in_signal_masks(pid(), SIGHUP, {"SigCgt:"});
+        },
+        limit);
 }
 
 bool Daemon::deliver(int signo) const

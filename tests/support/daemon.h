@@ -4,6 +4,7 @@
 
 #include "fixed_paths.h"
 
+#include "manager_sockets.h"
 #include "process.h"
 
 #include <string>
@@ -48,10 +49,17 @@ public:
     /// instance) with `environment` ("NAME=VALUE") added.
     Daemon(std::vector<std::string> args, std::vector<std::string> wrapper,
            const std::vector<std::string>& environment);
+    /// The daemon started on the sockets of a service manager: `sockets`
+    /// handed over with their names.
+    explicit Daemon(const ManagerSockets& sockets);
 
     /// Waits until daemon_ready() holds and the daemon has its signal
     /// handlers in place.
     bool wait_until_running(std::chrono::milliseconds limit = default_wait) const;
+    /// Waits until the daemon has written its PID file and put its signal
+    /// handlers in place: it serves every socket by then, also one handed
+    /// over at another port or path than its own.
+    bool wait_until_serving(std::chrono::milliseconds limit = default_wait) const;
     /// Sends a signal and waits until the process has taken it, so that a
     /// next one of the same kind is not merged with it.
     bool deliver(int signo) const;

@@ -9,6 +9,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <cstring>
 #include <utility>
 
 namespace q9test {
@@ -41,8 +43,13 @@ std::string work_dir()
 }
 
 pid_t spawn(const std::vector<std::string>& argv, const std::string& stdout_path,
-            const std::string& stderr_path, const std::vector<std::string>& environment)
+            const std::string& stderr_path, const std::vector<std::string>& environment,
+            const std::vector<int>& handed)
 {
+    std::string listen_fds = "LISTEN_FDS=" + std::to_string(handed.size());
+    // Filled in by the child, which alone knows its pid.
+    char listen_pid[32] = "LISTEN_PID=";
+    std::vector<int> moved(handed.size());
     pid_t pid = fork();
     if (pid != 0)
         return pid;
@@ -52,9 +59,23 @@ pid_t spawn(const std::vector<std::string>& argv, const std::string& stdout_path
     dup2(null, 0);
     dup2(out, 1);
     dup2(err, 2);
-    // The child starts with the three standard descriptors only, as under
-    // an init system, so a daemon's descriptor dump shows nothing of the test's.
-    close_range(3, ~0u, 0);
+    // Copied above every place they go to first, so that no move overwrites a
+    // descriptor still to be moved.
+    int first_free = 3 + static_cast<int>(handed.size());
+    for (size_t i = 0; i < handed.size(); ++i)
+        moved[i] = fcntl(handed[i], F_DUPFD, first_free);
+    for (size_t i = 0; i < moved.size(); ++i)
+        dup2(moved[i], 3 + static_cast<int>(i));
+    // The child starts with the three standard descriptors only (and the
+    // handed ones), as under an init system, so a daemon's descriptor dump
+    // shows nothing of the test's.
+    close_range(static_cast<unsigned>(first_free), ~0u, 0);
+    if (!handed.empty()) {
+        putenv(const_cast<char*>(listen_fds.c_str()));
+        snprintf(listen_pid + strlen(listen_pid), sizeof(listen_pid) - strlen(listen_pid), "%d",
+                 static_cast<int>(getpid()));
+        putenv(listen_pid);
+    }
     for (const std::string& setting : environment)
         putenv(const_cast<char*>(setting.c_str()));
     std::vector<char*> args;
@@ -75,10 +96,11 @@ int decode_status(int status)
 }
 
 ChildProcess::ChildProcess(const std::vector<std::string>& argv, std::string stdout_path,
-                           std::string stderr_path, const std::vector<std::string>& environment)
+                           std::string stderr_path, const std::vector<std::string>& environment,
+                           const std::vector<int>& handed)
     : stdout_path_(std::move(stdout_path)), stderr_path_(std::move(stderr_path))
 {
-    pid_ = spawn(argv, stdout_path_, stderr_path_, environment);
+    pid_ = spawn(argv, stdout_path_, stderr_path_, environment, handed);
 }
 
 ChildProcess::~ChildProcess()

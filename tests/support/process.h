@@ -19,9 +19,12 @@ std::string work_dir();
 /// Starts `argv` (searched in PATH) in a child process: standard input
 /// from /dev/null, standard output and error appended to nothing but the
 /// given files, no other descriptor inherited, `environment` ("NAME=VALUE")
-/// added.  The child's pid.
+/// added.  `handed` descriptors are handed over as a service manager hands
+/// over its sockets: as descriptors 3, 4, ... in their order, with
+/// LISTEN_FDS counting them and LISTEN_PID naming the child.  The child's pid.
 pid_t spawn(const std::vector<std::string>& argv, const std::string& stdout_path,
-            const std::string& stderr_path, const std::vector<std::string>& environment = {});
+            const std::string& stderr_path, const std::vector<std::string>& environment = {},
+            const std::vector<int>& handed = {});
 /// A waitpid() status as a shell shows it: the exit status, or 128 + the
 /// signal that ended the process.
 int decode_status(int status);
@@ -31,7 +34,7 @@ class ChildProcess : NoCopy {
 public:
     /// Starts `argv` as spawn() does.
     ChildProcess(const std::vector<std::string>& argv, std::string stdout_path, std::string stderr_path,
-                 const std::vector<std::string>& environment = {});
+                 const std::vector<std::string>& environment = {}, const std::vector<int>& handed = {});
     /// Kills the process if it still runs.
     ~ChildProcess();
 

@@ -1,6 +1,6 @@
 // What the host build of the packet-socket library offers beyond the
-// appliance's own library: a server ending a peer, and the descriptors a
-// caller waits on.  The daemon's units that use it come in two variants,
+// appliance's own library: a server ending a peer, a server on a listening
+// socket that someone else made, and the descriptors a caller waits on.  The daemon's units that use it come in two variants,
 // <stem>_host.cpp built on this and <stem>_sdk.cpp built without it.
 #pragma once
 
@@ -11,6 +11,17 @@
 /// comm_socket_v4_get_disconnected_client(), like a peer that went away,
 /// for the caller to free.  A peer already gone, or null, is left alone.
 void comm_socket_v4_disconnect_client(comm_socket_v4_client* client);
+
+/// Makes the fresh endpoint `sock` the server of `fd`, a Unix-domain stream
+/// socket that listens already (one a service manager handed over): it is
+/// made non-blocking and close-on-exec and then served as
+/// comm_socket_v4_create_server() serves its own.  The endpoint owns the
+/// descriptor from then on, but not the socket file: comm_socket_v4_close()
+/// and comm_socket_v4_destroy() close the descriptor and never remove the
+/// file, which belongs to whoever bound it.  Non-zero, with `fd` left open,
+/// when `fd` is not a listening Unix-domain stream socket or the endpoint is
+/// already in use.
+int comm_socket_v4_adopt_server(comm_socket_v4* sock, int fd);
 
 struct pollfd;
 
