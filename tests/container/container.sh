@@ -393,3 +393,12 @@ restart_configuration() {
     cat "$container_top/packaging/q9_korvane_xml_events_d.toml"
     printf '\n[daemon]\nwake_on_input = true\n'
 }
+
+# Where the items are kept across restarts: the unit's state directory.
+state_file=/var/lib/q9_korvane_xml_events_d/items
+
+# The same with the items kept in the state file.
+kept_items_configuration() {
+    restart_configuration
+    printf 'state_file = "%s"\n' "$state_file"
+}

@@ -11,19 +11,22 @@
 #     unit hands over;
 #   - q9_korvane_xml_events_ctl status answers;
 #   - systemctl reload: RELOADING=1 then READY=1, the changed configuration
-#     in force, the same process, the items kept;
+#     in force, the same process, the items kept; the reload names a state
+#     file in the unit's state directory, which then holds the items, and a
+#     register or unregister is in it when ctl has its answer;
 #   - while q9_trigger_stream sends a trigger every 10 ms: systemctl
 #     restart, a package upgrade (the same packages as a higher version), a
 #     daemon stopped with SIGSTOP and ended by the watchdog within
 #     WatchdogSec plus a margin, and kill -9: each time the unit comes back
 #     with a new daemon, every trigger sent before and after the restart is
-#     answered, none is refused (the socket unit holds the port), and none
-#     waits longer than the restart took plus one second;
+#     answered, none is refused (the socket unit holds the port), none
+#     waits longer than the restart took plus one second, and the items
+#     are the same after (the state file keeps them);
 #   - the socket unit runs through all of them, never restarted;
 #   - one connection kept open across systemctl restart, the watchdog and
 #     kill -9: the triggers before and after are answered.
-# What the restarts lose, the connections they close and the items they
-# forget are printed, not checked.
+# What the restarts lose and the connections they close are printed, not
+# checked: a connection open at a restart still ends with its daemon.
 #
 # The root (a minimal Debian with systemd) is cached in
 # /var/cache/q9_korvane_xml_events_d-test and made again with mmdebstrap
@@ -124,7 +127,7 @@ check "items registered with ctl are listed" registered_and_listed
 echo "== reload"
 cursor=$(in_container journalctl --show-cursor -n 0 | sed -n 's/^-- cursor: //p')
 {
-    restart_configuration
+    kept_items_configuration
     printf '\n[channel-weather]\n"watch path" = "/srv/events/weather"\n"asset path" = "/srv/assets/weather"\n"target channel" = 1\n'
 } >"$root/etc/q9_korvane_xml_events_d.toml"
 check "systemctl reload succeeds" in_container systemctl reload "$unit"
@@ -142,6 +145,15 @@ status=$(ctl status) || true
 check "ctl status shows the reloaded configuration" contains "$status" "3 sections, last load "
 check "ctl status shows the reloaded [daemon] table in force" contains "$status" "Settings: wake_on_input=true "
 check "the reload kept the items" [ "$(items)" = closing,opening ]
+check "the state file named by the reload holds the items" \
+    [ "$(in_container cat "$state_file")" = "$(printf 'q9_korvane_xml_events_d state 1\nitem closing\nitem opening')" ]
+acknowledged_is_saved() {
+    ctl register --target "news at ten" >/dev/null &&
+        in_container grep -qxF "item news at ten" "$state_file" &&
+        ctl unregister --target "news at ten" >/dev/null &&
+        ! in_container grep -qxF "item news at ten" "$state_file"
+}
+check "an acknowledged register and unregister are in the state file when ctl returns" acknowledged_is_saved
 
 report() {
     echo "   $1: back after $restart_ms ms; refused $(stream_value refused), lost $(stream_value lost)" \
@@ -159,6 +171,7 @@ at_most() {
     awk -v value="$1" -v limit="$2" 'BEGIN { exit !(value <= limit) }'
 }
 socket_unit_checks() {
+    check "$1: the items are the same after" [ "$items_after" = "$items_before" ]
     check "$1: no trigger was refused" [ "$(stream_value refused)" = 0 ]
     check "$1: no trigger waited longer than the restart ($restart_ms ms) plus 1 s" \
         at_most "$(stream_value longest_wait_ms)" $((restart_ms + 1000))
