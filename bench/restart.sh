@@ -26,14 +26,32 @@ container_prepare "$packages" "$build" >&2
 container_install || container_fail "dpkg -i failed: $(tail -n 1 "$container_work/dpkg.log")"
 
 # The units compared, each set up by unit_setup NAME in the booted
-# container: "classic" is the unit as packaged, with no socket unit and no
-# state file, so a restart refuses triggers and forgets the items.
-units=(classic)
+# container:
+#   classic: the service without the socket unit (a copy of the packaged
+#     service in /etc without its dependency on the socket unit, the socket
+#     unit masked) and without a state file, as the daemon was before them:
+#     a restart refuses triggers and forgets the items;
+#   kept: the units as packaged, the socket unit holding both sockets, and
+#     the items in the state file.
+units=(classic kept)
 unit_setup() {
+    local etc=$container_work/root/etc
+    in_container systemctl stop "$unit" "$socket_unit"
     case $1 in
-    classic) restart_configuration >"$container_work/root/etc/q9_korvane_xml_events_d.toml" ;;
+    classic)
+        grep -vF "$socket_unit" "$container_work/root/lib/systemd/system/$unit" >"$etc/systemd/system/$unit"
+        in_container systemctl mask "$socket_unit" >/dev/null 2>&1
+        restart_configuration >"$etc/q9_korvane_xml_events_d.toml"
+        ;;
+    kept)
+        rm -f "$etc/systemd/system/$unit"
+        in_container systemctl unmask "$socket_unit" >/dev/null 2>&1
+        kept_items_configuration >"$etc/q9_korvane_xml_events_d.toml"
+        ;;
     esac
-    in_container systemctl restart "$unit"
+    in_container systemctl daemon-reload
+    [ "$1" = classic ] || in_container systemctl start "$socket_unit"
+    in_container systemctl start "$unit"
 }
 
 restarts=(restart upgrade watchdog kill)
@@ -45,7 +63,7 @@ declare -A restart_names=(
 )
 
 echo "A trigger every 10 ms, each on a new connection, from \`q9_trigger_stream\` in the container's"
-echo "network namespace; the packaged configuration with \`wake_on_input = true\`; WatchdogSec=$watchdog_s"
+echo "network namespace; the packaged configuration with \`wake_on_input = true\` (and, for *kept*, \`state_file\`); WatchdogSec=$watchdog_s"
 echo "(a drop-in of the benchmark), RestartSec=$restart_s as packaged. *Refused*: the connect was refused;"
 echo "*lost*: sent and never answered; *back after*: from the restart's start to the unit active again."
 echo

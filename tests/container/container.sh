@@ -170,6 +170,7 @@ container_packages() {
 # ---- The daemon's unit in the container, seen from outside ----
 
 unit=q9_korvane_xml_events_d.service
+socket_unit=q9_korvane_xml_events_d.socket
 
 # unit_property NAME: one property of the unit as systemctl shows it.
 unit_property() {

@@ -86,7 +86,6 @@ root=$work/root
 # systemd's debug messages show each notification the daemon sends.
 in_container systemd-analyze log-level debug
 
-socket_unit=q9_korvane_xml_events_d.socket
 socket_property() {
     in_container systemctl show --property="$1" --value "$socket_unit"
 }
