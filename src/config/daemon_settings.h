@@ -3,6 +3,8 @@
 // setting has its default, and the default is the classic daemon.
 #pragma once
 
+#include "config/address_allow_list.h"
+
 #include <cpptoml.h>
 
 #include <cstdint>
@@ -18,6 +20,13 @@ struct DaemonSettings {
     uint64_t tcp_idle_timeout_s = 0;      ///< a TCP connection silent this long is closed; 0: never
     uint64_t client_send_timeout_ms = 0;  ///< a local client not taking a packet this long is dropped; 0: never
     std::string state_file;               ///< where the persistent media items are kept; "": nowhere
+    std::string tcp_listen_address = "0.0.0.0";  ///< the one address the trigger listener binds
+    AddressAllowList tcp_allow;           ///< who may connect for triggers; by default everyone
+    bool item_owners = false;             ///< only an item's first registrant (or root) may unregister it
+    uint64_t max_local_clients = 0;       ///< local connections beyond this are closed; 0: no limit
+    uint64_t max_items = 0;               ///< a register beyond this many items is refused; 0: no limit
+    uint64_t max_item_name_bytes = 0;     ///< a register of a longer name is refused; 0: no limit
+    bool escape_logged_text = false;      ///< peer text reaches the log with control bytes escaped
 
     bool operator==(const DaemonSettings& other) const;
 };

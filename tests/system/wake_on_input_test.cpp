@@ -45,7 +45,9 @@ TEST_F(WakingDaemon, ReportsTheSettingsInForceAfterTheSections)
 {
     EXPECT_TRUE(daemon->wait_for_stderr(
         "  Channel:    1\nDaemon settings: wake_on_input = true, close_long_lines = false, "
-        "max_message_bytes = 0, tcp_idle_timeout_s = 0, client_send_timeout_ms = 0, state_file = \"\"\n"));
+        "max_message_bytes = 0, tcp_idle_timeout_s = 0, client_send_timeout_ms = 0, state_file = \"\", "
+        "tcp_listen_address = \"0.0.0.0\", tcp_allow = any, item_owners = false, max_local_clients = 0, "
+        "max_items = 0, max_item_name_bytes = 0, escape_logged_text = false\n"));
 }
 
 // The classic daemon answers a trigger at its next pass, up to 250 ms

@@ -21,7 +21,12 @@ constexpr const char* section_report =
     "  Channel:    1\n";
 constexpr const char* defaults_report =
     "Daemon settings: wake_on_input = false, close_long_lines = false, max_message_bytes = 0, "
-    "tcp_idle_timeout_s = 0, client_send_timeout_ms = 0, state_file = \"\"\n";
+    "tcp_idle_timeout_s = 0, client_send_timeout_ms = 0, state_file = \"\", "
+    "tcp_listen_address = \"0.0.0.0\", tcp_allow = any, item_owners = false, max_local_clients = 0, "
+    "max_items = 0, max_item_name_bytes = 0, escape_logged_text = false\n";
+constexpr const char* classic_trust =
+    ", tcp_listen_address = \"0.0.0.0\", tcp_allow = any, item_owners = false, max_local_clients = 0, "
+    "max_items = 0, max_item_name_bytes = 0, escape_logged_text = false\n";
 
 class DaemonTable : public ::testing::Test {
 protected:
@@ -74,7 +79,7 @@ TEST_F(DaemonTable, EverySettingIsReadAndReportedAfterTheSections)
     EXPECT_EQ(err, std::string(section_report) +
                        "Daemon settings: wake_on_input = true, close_long_lines = true, "
                        "max_message_bytes = 4096, tcp_idle_timeout_s = 30, client_send_timeout_ms = 750, "
-                       "state_file = \"/var/lib/q9/items\"\n");
+                       "state_file = \"/var/lib/q9/items\"" + classic_trust);
     EXPECT_TRUE(daemon_settings.wake_on_input);
     EXPECT_TRUE(daemon_settings.close_long_lines);
     EXPECT_EQ(daemon_settings.max_message_bytes, 4096u);
@@ -100,7 +105,8 @@ TEST_F(DaemonTable, CountOfTheWrongTypeOrBelowZeroIsReportedAndKeepsItsDefault)
                    "Warning: [daemon] tcp_idle_timeout_s = 2.5 is not an integer, keeping 0\n"
                    "Warning: [daemon] client_send_timeout_ms = true is not an integer, keeping 0\n"
                    "Daemon settings: wake_on_input = true, close_long_lines = false, "
-                   "max_message_bytes = 0, tcp_idle_timeout_s = 0, client_send_timeout_ms = 0, state_file = \"\"\n");
+                   "max_message_bytes = 0, tcp_idle_timeout_s = 0, client_send_timeout_ms = 0, state_file = \"\"" +
+                       std::string(classic_trust));
     EXPECT_TRUE(daemon_settings.wake_on_input);
     EXPECT_EQ(daemon_settings.max_message_bytes, 0u);
 }
@@ -136,7 +142,8 @@ TEST_F(DaemonTable, UnknownKeysAreReportedInNameOrderAndIgnored)
                    "Warning: [daemon] unknown key 'alpha' ignored\n"
                    "Warning: [daemon] unknown key 'zeta' ignored\n"
                    "Daemon settings: wake_on_input = true, close_long_lines = false, "
-                   "max_message_bytes = 0, tcp_idle_timeout_s = 0, client_send_timeout_ms = 0, state_file = \"\"\n");
+                   "max_message_bytes = 0, tcp_idle_timeout_s = 0, client_send_timeout_ms = 0, state_file = \"\"" +
+                       std::string(classic_trust));
     EXPECT_TRUE(daemon_settings.wake_on_input);
 }
 
@@ -178,6 +185,82 @@ TEST_F(DaemonTable, LargestIntegerIsAccepted)
 {
     ASSERT_TRUE(load("[daemon]\ntcp_idle_timeout_s = 9223372036854775807\n"));
     EXPECT_EQ(daemon_settings.tcp_idle_timeout_s, 9223372036854775807u);
+}
+
+TEST_F(DaemonTable, TrustSettingsAreReadAndReported)
+{
+    ASSERT_TRUE(load("[daemon]\ntcp_listen_address = \"127.0.0.2\"\n"
+                     "tcp_allow = [\"10.0.0.0/8\", \"192.168.1.5\"]\nitem_owners = true\n"
+                     "max_local_clients = 16\nmax_items = 64\nmax_item_name_bytes = 255\n"
+                     "escape_logged_text = true\n"));
+    EXPECT_EQ(err, "Daemon settings: wake_on_input = false, close_long_lines = false, max_message_bytes = 0, "
+                   "tcp_idle_timeout_s = 0, client_send_timeout_ms = 0, state_file = \"\", "
+                   "tcp_listen_address = \"127.0.0.2\", tcp_allow = [\"10.0.0.0/8\", \"192.168.1.5/32\"], "
+                   "item_owners = true, max_local_clients = 16, max_items = 64, max_item_name_bytes = 255, "
+                   "escape_logged_text = true\n");
+    EXPECT_EQ(daemon_settings.tcp_listen_address, "127.0.0.2");
+    EXPECT_FALSE(daemon_settings.tcp_allow.everyone);
+    ASSERT_EQ(daemon_settings.tcp_allow.blocks.size(), 2u);
+    EXPECT_EQ(daemon_settings.tcp_allow.blocks[1].network, 0xc0a80105u);
+    EXPECT_EQ(daemon_settings.tcp_allow.blocks[1].mask, 0xffffffffu);
+    EXPECT_TRUE(daemon_settings.item_owners);
+    EXPECT_EQ(daemon_settings.max_local_clients, 16u);
+    EXPECT_EQ(daemon_settings.max_items, 64u);
+    EXPECT_EQ(daemon_settings.max_item_name_bytes, 255u);
+    EXPECT_TRUE(daemon_settings.escape_logged_text);
+}
+
+TEST_F(DaemonTable, ListenAddressThatIsNoAddressKeepsEveryAddress)
+{
+    ASSERT_TRUE(load("[daemon]\ntcp_listen_address = \"localhost\"\n"));
+    EXPECT_EQ(err, "Warning: [daemon] tcp_listen_address = \"localhost\" is not an IPv4 address, keeping "
+                   "\"0.0.0.0\"\n" +
+                       std::string(defaults_report));
+    ASSERT_TRUE(load("[daemon]\ntcp_listen_address = 5\n"));
+    EXPECT_EQ(err, "Warning: [daemon] tcp_listen_address = 5 is not a string, keeping \"0.0.0.0\"\n" +
+                       std::string(defaults_report));
+}
+
+TEST_F(DaemonTable, BadAllowEntriesAreSkippedAndTheGoodOnesKept)
+{
+    ASSERT_TRUE(load("[daemon]\ntcp_allow = [\"10.0.0.1/33\", \"10.1.2.3/8\", \"host.example\"]\n"));
+    EXPECT_EQ(err.substr(0, err.find("Daemon settings")),
+              "Warning: [daemon] tcp_allow entry \"10.0.0.1/33\" is not an IPv4 address or block, skipped\n"
+              "Warning: [daemon] tcp_allow entry \"10.1.2.3/8\" has bits set below its prefix, taken as "
+              "10.0.0.0/8\n"
+              "Warning: [daemon] tcp_allow entry \"host.example\" is not an IPv4 address or block, skipped\n");
+    EXPECT_NE(err.find("tcp_allow = [\"10.0.0.0/8\"], "), std::string::npos);
+    EXPECT_TRUE(daemon_settings.tcp_allow.allows(0x0a090807u));
+    EXPECT_FALSE(daemon_settings.tcp_allow.allows(0x0b000001u));
+}
+
+TEST_F(DaemonTable, AllowListWithoutAValidEntryRefusesEveryAddress)
+{
+    ASSERT_TRUE(load("[daemon]\ntcp_allow = [\"10.0.0.300\", \" 10.0.0.1\"]\n"));
+    EXPECT_NE(err.find("Warning: [daemon] tcp_allow has no valid entry, refusing every address\n"),
+              std::string::npos);
+    EXPECT_NE(err.find("tcp_allow = [], "), std::string::npos);
+    EXPECT_FALSE(daemon_settings.tcp_allow.allows(0x7f000001u));
+}
+
+TEST_F(DaemonTable, AllowListOfTheWrongTypeRefusesEveryAddress)
+{
+    ASSERT_TRUE(load("[daemon]\ntcp_allow = \"10.0.0.0/8\"\n"));
+    EXPECT_EQ(err.substr(0, err.find("Daemon settings")),
+              "Warning: [daemon] tcp_allow = \"10.0.0.0/8\" is not an array of strings, refusing every address\n");
+    EXPECT_FALSE(daemon_settings.tcp_allow.everyone);
+    EXPECT_FALSE(daemon_settings.tcp_allow.allows(0x0a000001u));
+    ASSERT_TRUE(load("[daemon]\ntcp_allow = [1, 2]\n"));
+    EXPECT_NE(err.find("Warning: [daemon] tcp_allow entry 1 is not a string, skipped\n"), std::string::npos);
+    EXPECT_FALSE(daemon_settings.tcp_allow.allows(0x00000001u));
+}
+
+TEST_F(DaemonTable, EmptyAllowListRefusesEveryAddressWithoutAWarning)
+{
+    ASSERT_TRUE(load("[daemon]\ntcp_allow = []\n"));
+    EXPECT_EQ(err.find("Warning"), std::string::npos);
+    EXPECT_NE(err.find("tcp_allow = [], "), std::string::npos);
+    EXPECT_FALSE(daemon_settings.tcp_allow.allows(0x7f000001u));
 }
 
 }  // namespace
