@@ -5,6 +5,15 @@
 
 #include <cstdint>
 
+/// What the daemon refused, by reason; each refusal also has its stderr line.
+struct RefusalCounters {
+    uint64_t address = 0;          ///< TCP connections from an address tcp_allow does not list
+    uint64_t owner = 0;            ///< unregisters of an item another uid registered
+    uint64_t local_clients = 0;    ///< local connections beyond max_local_clients
+    uint64_t items = 0;            ///< registers beyond max_items
+    uint64_t item_name_bytes = 0;  ///< registers of a name longer than max_item_name_bytes
+};
+
 /// Counters since start, the last configuration load and the pass figures.
 struct DaemonCounters {
     uint64_t started_us;               ///< monotonic time at process start
@@ -20,6 +29,7 @@ struct DaemonCounters {
     bool last_load_ok = false;         ///< whether that load succeeded
     uint64_t passes = 0;               ///< passes of the main loop completed
     uint64_t slowest_pass_work_us = 0; ///< longest work of one pass, sleeping excluded
+    RefusalCounters refusals;
 
     DaemonCounters();
 };

@@ -78,6 +78,13 @@ void write_settings(PairWriter& out)
     out.number("daemon.tcp_idle_timeout_s", daemon_settings.tcp_idle_timeout_s);
     out.number("daemon.client_send_timeout_ms", daemon_settings.client_send_timeout_ms);
     out.text("daemon.state_file", daemon_settings.state_file.c_str());
+    out.text("daemon.tcp_listen_address", daemon_settings.tcp_listen_address.c_str());
+    out.text("daemon.tcp_allow", daemon_settings.tcp_allow.text().c_str());
+    out.flag("daemon.item_owners", daemon_settings.item_owners);
+    out.number("daemon.max_local_clients", daemon_settings.max_local_clients);
+    out.number("daemon.max_items", daemon_settings.max_items);
+    out.number("daemon.max_item_name_bytes", daemon_settings.max_item_name_bytes);
+    out.flag("daemon.escape_logged_text", daemon_settings.escape_logged_text);
 }
 
 void write_configuration(PairWriter& out, const Clocks& clocks)
@@ -164,6 +171,16 @@ void write_counters(PairWriter& out)
     out.number("passes.slowest_work_us", counted.slowest_pass_work_us);
 }
 
+void write_refusals(PairWriter& out)
+{
+    const RefusalCounters& refused = daemon_counters.refusals;
+    out.number("refusals.address", refused.address);
+    out.number("refusals.owner", refused.owner);
+    out.number("refusals.local_clients", refused.local_clients);
+    out.number("refusals.items", refused.items);
+    out.number("refusals.item_name_bytes", refused.item_name_bytes);
+}
+
 }  // namespace
 
 void write_status_reply(comm_socket_v4_packet* reply)
@@ -180,5 +197,6 @@ void write_status_reply(comm_socket_v4_packet* reply)
     write_state_file(out, clocks);
     write_channels(out, clocks);
     write_counters(out);
+    write_refusals(out);
     comm_socket_v4_packet_write_end(reply);
 }

@@ -100,10 +100,15 @@ TEST_F(MetricsOfAKnownDaemon, ValuesAreThoseOfStatusJsonTakenAroundThem)
             {"daemon_running", 1},
             {"build_info{version=\"" + after["version"].get<std::string>() + "\"}", 1},
             {"settings_info{client_send_timeout_ms=\"" + settings["client_send_timeout_ms"].dump() +
-                 "\",close_long_lines=\"" + settings["close_long_lines"].dump() + "\",max_message_bytes=\"" +
+                 "\",close_long_lines=\"" + settings["close_long_lines"].dump() +
+                 "\",escape_logged_text=\"" + settings["escape_logged_text"].dump() + "\",item_owners=\"" +
+                 settings["item_owners"].dump() + "\",max_item_name_bytes=\"" +
+                 settings["max_item_name_bytes"].dump() + "\",max_items=\"" + settings["max_items"].dump() +
+                 "\",max_local_clients=\"" + settings["max_local_clients"].dump() + "\",max_message_bytes=\"" +
                  settings["max_message_bytes"].dump() + "\",state_file=" + settings["state_file"].dump() +
-                 ",tcp_idle_timeout_s=\"" +
-                 settings["tcp_idle_timeout_s"].dump() + "\",wake_on_input=\"" +
+                 ",tcp_allow=" + settings["tcp_allow"].dump() + ",tcp_idle_timeout_s=\"" +
+                 settings["tcp_idle_timeout_s"].dump() + "\",tcp_listen_address=" +
+                 settings["tcp_listen_address"].dump() + ",wake_on_input=\"" +
                  settings["wake_on_input"].dump() + "\"}",
              1},
             {"config_sections", after["config"]["sections"]},
@@ -122,6 +127,9 @@ TEST_F(MetricsOfAKnownDaemon, ValuesAreThoseOfStatusJsonTakenAroundThem)
             {"reloads_total", counters["reloads"]},
             {"reload_failures_total", counters["reload_failures"]},
         };
+        for (auto& [reason, count] : after["refusals"].items())
+            expected["refusals_total{reason=\"" + reason + "\"}"] = count;
+        EXPECT_EQ(5u, after["refusals"].size());
         for (const char* state : {"idle", "reading", "stalled"})
             expected["tcp_connections{state=\"" + std::string(state) + "\"}"] = count_in_state(after["tcp"], state);
         for (const char* state : {"connecting", "open", "failed"})

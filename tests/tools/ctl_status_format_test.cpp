@@ -130,6 +130,39 @@ TEST(CtlStatusFormat, PageShowsHeaderTablesAndCounters)
               format_status_text(reply.get()));
 }
 
+TEST(CtlStatusFormat, PageSaysPlainlyWhoMaySendTriggers)
+{
+    StatusReply anyone(joined({kHeader, {{"daemon.tcp_allow", "any"}}}));
+    EXPECT_NE(std::string::npos, format_status_text(anyone.get())
+                                     .find("TCP connections: 0 of 4\n"
+                                           "  triggers accepted from any address (no tcp_allow)\n  (none)\n"));
+    StatusReply listed(joined({kHeader, {{"daemon.tcp_allow", "[\"10.0.0.0/8\", \"192.168.1.5/32\"]"}}}));
+    EXPECT_NE(std::string::npos,
+              format_status_text(listed.get())
+                  .find("TCP connections: 0 of 4\n"
+                        "  triggers accepted only from [\"10.0.0.0/8\", \"192.168.1.5/32\"]\n  (none)\n"));
+}
+
+TEST(CtlStatusFormat, RefusalsHaveTheirSectionWhenTheDaemonCountsThem)
+{
+    StatusReply without(joined({kHeader, kCounters}));
+    EXPECT_EQ(std::string::npos, format_status_text(without.get()).find("Refused"));
+    StatusReply with(joined({kHeader, kCounters,
+                             {{"refusals.address", "1200"},
+                              {"refusals.owner", "1"},
+                              {"refusals.local_clients", "0"},
+                              {"refusals.items", "3"},
+                              {"refusals.item_name_bytes", "4"}}}));
+    std::string page = format_status_text(with.get());
+    EXPECT_EQ(page.substr(page.find("\nRefused since start\n")),
+              "\nRefused since start\n"
+              "  address not in tcp_allow    1200\n"
+              "  unregister by another uid   1\n"
+              "  over max_local_clients      0\n"
+              "  over max_items              3\n"
+              "  over max_item_name_bytes    4\n");
+}
+
 TEST(CtlStatusFormat, EmptyTablesSayNone)
 {
     StatusReply reply(joined({kHeader, kCounters}));

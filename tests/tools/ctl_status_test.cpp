@@ -38,7 +38,9 @@ TEST_F(StatusOfAKnownDaemon, ReplyNamesEveryFieldInTheDocumentedOrder)
     std::vector<std::string> expected = {
         "version", "pid", "uptime_s", "daemon.wake_on_input", "daemon.close_long_lines",
         "daemon.max_message_bytes", "daemon.tcp_idle_timeout_s", "daemon.client_send_timeout_ms",
-        "daemon.state_file", "config.path", "config.loaded_at", "config.result", "config.sections"};
+        "daemon.state_file", "daemon.tcp_listen_address", "daemon.tcp_allow", "daemon.item_owners",
+        "daemon.max_local_clients", "daemon.max_items", "daemon.max_item_name_bytes",
+        "daemon.escape_logged_text", "config.path", "config.loaded_at", "config.result", "config.sections"};
     for (const char* peer : {"tcp.0.", "tcp.1."})
         for (const char* field : {"fd", "peer", "state", "bytes_read", "messages"})
             expected.push_back(std::string(peer) + field);
@@ -54,6 +56,8 @@ TEST_F(StatusOfAKnownDaemon, ReplyNamesEveryFieldInTheDocumentedOrder)
                                 "reload_failures"})
         expected.push_back(std::string("counters.") + counter);
     expected.insert(expected.end(), {"passes.count", "passes.slowest_work_us"});
+    for (const char* reason : {"address", "owner", "local_clients", "items", "item_name_bytes"})
+        expected.push_back(std::string("refusals.") + reason);
     EXPECT_EQ(expected, names_of(status()));
 }
 
@@ -139,7 +143,7 @@ TEST_F(StatusOfAKnownDaemon, CtlJsonIsOneObjectWithTypedFields)
         members.push_back(name);
     std::sort(members.begin(), members.end());
     EXPECT_EQ((std::vector<std::string>{"channels", "clients", "config", "counters", "daemon", "items",
-                                        "passes", "pid", "state_file", "tcp", "uptime_s", "version"}),
+                                        "passes", "pid", "refusals", "state_file", "tcp", "uptime_s", "version"}),
               members);
     EXPECT_EQ(q9_version, status["version"]);
     EXPECT_EQ(daemon_->pid(), status["pid"].get<int>());

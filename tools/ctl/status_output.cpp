@@ -29,6 +29,11 @@ const Field kTypedFields[] = {
     {"daemon.max_message_bytes", Kind::number},
     {"daemon.tcp_idle_timeout_s", Kind::number},
     {"daemon.client_send_timeout_ms", Kind::number},
+    {"daemon.item_owners", Kind::flag},
+    {"daemon.max_local_clients", Kind::number},
+    {"daemon.max_items", Kind::number},
+    {"daemon.max_item_name_bytes", Kind::number},
+    {"daemon.escape_logged_text", Kind::flag},
     {"config.loaded_at", Kind::number},
     {"config.sections", Kind::number},
     {"tcp.*.fd", Kind::number},
@@ -49,10 +54,16 @@ const Field kTypedFields[] = {
     {"counters.reload_failures", Kind::number},
     {"passes.count", Kind::number},
     {"passes.slowest_work_us", Kind::number},
+    {"refusals.address", Kind::number},
+    {"refusals.owner", Kind::number},
+    {"refusals.local_clients", Kind::number},
+    {"refusals.items", Kind::number},
+    {"refusals.item_name_bytes", Kind::number},
 };
 
-const char* const kTopLevel[] = {"version", "pid",   "uptime_s",   "daemon",   "config",   "tcp",
-                                 "clients", "items", "state_file", "channels", "counters", "passes"};
+const char* const kTopLevel[] = {"version",  "pid",      "uptime_s", "daemon",   "config",
+                                 "tcp",      "clients",  "items",    "state_file", "channels",
+                                 "counters", "passes",   "refusals"};
 const char* const kLists[] = {"tcp", "clients", "items", "channels"};
 // More list members than any daemon has; a larger position is kept as a
 // plain name rather than growing an array to it.
@@ -241,6 +252,18 @@ std::string header_lines(const Json& status)
     return text + "\n";
 }
 
+// Without an allow list any host that reaches the port may start every
+// item; the page says so in words rather than leave it to the settings line.
+std::string allowed_peers_line(const Json& status)
+{
+    const Json& allowed = status_member(status_member(status, "daemon"), "tcp_allow");
+    if (!allowed.is_string())
+        return "";
+    if (allowed == "any")
+        return "  triggers accepted from any address (no tcp_allow)\n";
+    return "  triggers accepted only from " + allowed.get<std::string>() + "\n";
+}
+
 std::string tcp_section(const Json& status)
 {
     const Json& list = status_member(status, "tcp");
@@ -250,7 +273,7 @@ std::string tcp_section(const Json& status)
                         text_of(status_member(peer, "state")), text_of(status_member(peer, "bytes_read")),
                         text_of(status_member(peer, "messages"))});
     return "\nTCP connections: " + std::to_string(rows.size()) + " of " +
-           std::to_string(kTcpConnectionPlaces) + "\n" +
+           std::to_string(kTcpConnectionPlaces) + "\n" + allowed_peers_line(status) +
            table({{"FD", true}, {"PEER", false}, {"STATE", false}, {"BYTES READ", true},
                   {"MESSAGES", true}},
                  rows);
@@ -332,6 +355,32 @@ std::string counters_section(const Json& status)
     return text;
 }
 
+// A daemon that counts no refusals (one older than the counters) gets no
+// section rather than a column of question marks.
+std::string refusals_section(const Json& status)
+{
+    const Json& refused = status_member(status, "refusals");
+    if (!refused.is_object())
+        return "";
+    const struct {
+        const char* name;
+        const char* label;
+    } lines[] = {
+        {"address", "address not in tcp_allow"},
+        {"owner", "unregister by another uid"},
+        {"local_clients", "over max_local_clients"},
+        {"items", "over max_items"},
+        {"item_name_bytes", "over max_item_name_bytes"},
+    };
+    std::string text = "\nRefused since start\n";
+    for (const auto& line : lines) {
+        char row[128];
+        snprintf(row, sizeof row, "  %-26s  %s\n", line.label, text_of(status_member(refused, line.name)).c_str());
+        text += row;
+    }
+    return text;
+}
+
 }  // namespace
 
 const Json& status_member(const Json& object, const char* name)
@@ -359,5 +408,6 @@ std::string format_status_text(const comm_socket_v4_packet* reply)
 {
     Json status = status_object(reply);
     return header_lines(status) + tcp_section(status) + clients_section(status) +
-           items_section(status) + channels_section(status) + counters_section(status);
+           items_section(status) + channels_section(status) + counters_section(status) +
+           refusals_section(status);
 }
