@@ -3,6 +3,7 @@
 #include "daemon/daemon_counters.h"
 #include "service/client_notification.h"
 #include "service/command_server.h"
+#include "service/logged_text.h"
 
 #include <cstdio>
 #include <syslog.h>
@@ -14,11 +15,14 @@ bool is_trigger(const std::string& command)
     return command == "TRIGGER" || command == "ONE LINE TRIGGER";
 }
 
+// Every text here is the peer's: a repeated name's values are joined with a
+// line feed, so printed as they are they could write a line of their own.
 void print_message(const TCPTriggerClient& client)
 {
-    fprintf(stderr, "Message: command='%s'\n", client.command.c_str());
-    for (const auto& [name, value] : client.nv_pairs)
-        fprintf(stderr, "  '%s' = '%s'\n", name.c_str(), value.c_str());
+    std::string command, name, value;
+    fprintf(stderr, "Message: command='%s'\n", logged_text(client.command, command));
+    for (const auto& pair : client.nv_pairs)
+        fprintf(stderr, "  '%s' = '%s'\n", logged_text(pair.first, name), logged_text(pair.second, value));
 }
 
 }  // namespace
@@ -28,7 +32,8 @@ void TCPTriggerClient::handle_message()
     if (!command.empty()) {
         print_message(*this);
         ++messages;
-        syslog(LOG_DAEMON | LOG_INFO, "Command received, command '%s'\n", command.c_str());
+        std::string spelled;
+        syslog(LOG_DAEMON | LOG_INFO, "Command received, command '%s'\n", logged_text(command, spelled));
         // Media items start before any local client hears of the trigger,
         // so a notified client finds them already asked to run.  Neither the
         // pairs nor the configured events narrow a trigger: it starts all.

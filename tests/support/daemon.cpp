@@ -73,6 +73,14 @@ std::string minimal_config()
            "\"target channel\" = 1\n";
 }
 
+std::string config_with_daemon_keys(const std::string& keys)
+{
+    std::string table = "\n[daemon]\n" + keys;
+    if (std::getenv("Q9_TEST_WAKE_ON_INPUT") != nullptr)
+        table += "wake_on_input = true\n";
+    return minimal_config() + table;
+}
+
 std::string daemon_copy()
 {
     static std::string copy;

@@ -25,6 +25,10 @@ constexpr int trigger_port = 9876;
 void write_config(const std::string& content);
 /// A configuration with one valid section, enough for a normal start.
 std::string minimal_config();
+/// minimal_config() with a [daemon] table of `keys` (TOML lines), and
+/// wake_on_input on as well when $Q9_TEST_WAKE_ON_INPUT is set, so that a
+/// suite with its own settings still runs in the loop the run asks for.
+std::string config_with_daemon_keys(const std::string& keys);
 
 /// The sandbox's private copy of the daemon binary, made on first use: the
 /// single-instance lock is on the executable file, so every sandbox needs
