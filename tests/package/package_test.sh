@@ -5,7 +5,9 @@
 #   - lintian finds no error and no warning;
 #   - hardening-check passes on every program;
 #   - each package holds exactly its files, /etc/q9_korvane_xml_events_d.toml
-#     is a conffile, the service names the packaged daemon, and systemd
+#     is a conffile that switches the safe daemon on and leaves tcp_allow
+#     commented out, the daemon's executable is root's alone (uid 65534
+#     cannot open it), the service names the packaged daemon, and systemd
 #     accepts the units and rates the service's exposure at 2.0 or below;
 #   - the maintainer scripts enable and start both units, restart the
 #     service on upgrade and never stop or restart the socket unit then;
@@ -94,6 +96,7 @@ check "the daemon's package holds the daemon, the client, the units, the conffil
 ./usr/sbin/q9_korvane_xml_events_d
 ./usr/share/doc/q9-korvane-xml-events-d/changelog.gz
 ./usr/share/doc/q9-korvane-xml-events-d/copyright
+./usr/share/doc/q9-korvane-xml-events-d/examples/q9_korvane_xml_events_d-ip-allow.conf
 ./usr/share/doc/q9-korvane-xml-events-d/monitoring.md.gz
 ./usr/share/doc/q9-korvane-xml-events-d/q9_korvane_xml_events_d.rules.yml
 ./usr/share/man/man1/q9_korvane_xml_events_ctl.1.gz
@@ -110,6 +113,31 @@ check "the configuration is the one conffile" \
     [ "$(control_file "$daemon_deb" conffiles)" = /etc/q9_korvane_xml_events_d.toml ]
 check "the conffile is the example configuration" \
     cmp -s "$work/files/etc/q9_korvane_xml_events_d.toml" "$top/packaging/q9_korvane_xml_events_d.toml"
+# What the installed configuration switches on: every key that no playout
+# facility wants off, and tcp_allow left for the operator to fill in.
+switched_on() {
+    sed -n '/^\[daemon\]$/,$p' "$work/files/etc/q9_korvane_xml_events_d.toml" | grep -v '^#' | cut -d' ' -f1 | paste -sd' ' -
+}
+check "the conffile switches on the safe daemon and leaves tcp_allow to the operator" \
+    [ "$(switched_on)" = "[daemon] wake_on_input close_long_lines max_message_bytes client_send_timeout_ms state_file item_owners max_local_clients max_items max_item_name_bytes escape_logged_text" ]
+check "the conffile shows tcp_allow commented out" \
+    grep -qx '# tcp_allow = \["10.20.0.0/16", "192.168.1.40"\]' "$work/files/etc/q9_korvane_xml_events_d.toml"
+daemon_file=$work/files/usr/sbin/q9_korvane_xml_events_d
+check "the daemon's executable is root's alone (mode 0700)" \
+    [ "$(stat -c '%a %U' "$daemon_file")" = "700 root" ]
+# The unpacked tree is made reachable by every user, so that what stops
+# uid 65534 below is the executable's own mode: it opens the client beside it.
+chmod 0755 "$work" "$work/files"
+as_nobody() {
+    setpriv --reuid=65534 --regid=65534 --clear-groups "$@"
+}
+check "uid 65534 can open the client beside the daemon" \
+    as_nobody flock -n "$work/files/usr/bin/q9_korvane_xml_events_ctl" true
+nobody_cannot_open() {
+    ! as_nobody flock -n "$1" true 2>/dev/null
+}
+check "uid 65534 cannot open the daemon's executable, so cannot hold its lock" nobody_cannot_open "$daemon_file"
+check "root can open it and take its lock" flock -n "$daemon_file" true
 units=$work/files/lib/systemd/system
 check "the service names the packaged daemon" \
     grep -qx 'ExecStart=/usr/sbin/q9_korvane_xml_events_d' "$units/q9_korvane_xml_events_d.service"

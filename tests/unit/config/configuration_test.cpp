@@ -1,4 +1,5 @@
 #include "config/configuration.h"
+#include "config/daemon_settings.h"
 
 #include "config_test_support.h"
 
@@ -439,15 +440,22 @@ TEST_F(Configuration, ReloadSurvivesTooDeepNesting)
                        "Warning: Configuration load failure\n");
 }
 
-TEST_F(Configuration, BundledExampleConfigurationLoadsTwoSections)
+TEST_F(Configuration, BundledExampleConfigurationLoadsTwoSectionsAndTheSafeDaemon)
 {
     configuration_path = Q9_EXAMPLE_CONFIG;
     ASSERT_TRUE(load()) << err;
     std::string news = added("channel-news", "/srv/events/news", "/srv/assets/news", "1");
     std::string sport =
         "table array\n" + added("channelitem0", "/srv/events/sport", "/srv/assets/sport", "2");
-    EXPECT_THAT(err, AnyOf(Eq(news + sport), Eq(sport + news)));
+    std::string safe_daemon =
+        "Daemon settings: wake_on_input = true, close_long_lines = true, max_message_bytes = 65536, "
+        "tcp_idle_timeout_s = 0, client_send_timeout_ms = 2000, "
+        "state_file = \"/var/lib/q9_korvane_xml_events_d/items\", tcp_listen_address = \"0.0.0.0\", "
+        "tcp_allow = any, item_owners = true, max_local_clients = 128, max_items = 1024, "
+        "max_item_name_bytes = 1024, escape_logged_text = true\n";
+    EXPECT_THAT(err, AnyOf(Eq(news + sport + safe_daemon), Eq(sport + news + safe_daemon)));
     EXPECT_EQ(configuration.size(), 2u);
+    daemon_settings = DaemonSettings();
 }
 
 TEST(ConfigurationEntry, DefaultEntryIsInvalid)
