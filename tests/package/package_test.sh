@@ -86,7 +86,7 @@ echo "== contents"
 files_of() {
     dpkg-deb -c "$1" | awk '$1 !~ /^d/ { print $6 }' | sort
 }
-check "the daemon's package holds the daemon, the client, the units, the conffile, the monitoring guide" \
+check "the daemon's package holds the daemon, the client, the units, the conffile, the guides and examples" \
     [ "$(files_of "$daemon_deb")" = "./etc/q9_korvane_xml_events_d.toml
 ./lib/systemd/system/q9_korvane_xml_events_d.service
 ./lib/systemd/system/q9_korvane_xml_events_d.socket
@@ -99,6 +99,7 @@ check "the daemon's package holds the daemon, the client, the units, the conffil
 ./usr/share/doc/q9-korvane-xml-events-d/examples/q9_korvane_xml_events_d-ip-allow.conf
 ./usr/share/doc/q9-korvane-xml-events-d/monitoring.md.gz
 ./usr/share/doc/q9-korvane-xml-events-d/q9_korvane_xml_events_d.rules.yml
+./usr/share/lintian/overrides/q9-korvane-xml-events-d
 ./usr/share/man/man1/q9_korvane_xml_events_ctl.1.gz
 ./usr/share/man/man8/q9_korvane_xml_events_d.8.gz" ]
 check "the simulator's package holds the simulator only" \
