@@ -60,7 +60,9 @@ inline void feed(const uint8_t* data, size_t size, ExtraCheck extra)
     size_t piece = size > 0 ? 1 + data[0] % 64 : 1;
     for (size_t at = size > 0 ? 1 : 0; at < size && client.sock_fd >= 0; at += piece) {
         size_t length = at + piece <= size ? piece : size - at;
-        if (write(pair[1], data + at, length) != static_cast<ssize_t>(length))
+        // A stalled connection is never read again: once its socket is
+        // full the rest of the input cannot go anywhere.
+        if (send(pair[1], data + at, length, MSG_DONTWAIT) != static_cast<ssize_t>(length))
             break;
         for (int call = 0; call < 4 && client.sock_fd >= 0; ++call)
             read_once(client, pair[1], extra);
