@@ -50,14 +50,19 @@ BlockReading read_allowed_block(const std::string& text, AllowedBlock& block)
 
 std::string block_text(const AllowedBlock& block)
 {
-    in_addr address{};
-    address.s_addr = htonl(block.network);
-    char dotted[INET_ADDRSTRLEN];
-    inet_ntop(AF_INET, &address, dotted, sizeof dotted);
     unsigned prefix = 0;
     for (uint32_t mask = block.mask; mask != 0; mask <<= 1)
         ++prefix;
-    return std::string(dotted) + "/" + std::to_string(prefix);
+    return std::string(dotted_quad(block.network).text) + "/" + std::to_string(prefix);
+}
+
+DottedQuad dotted_quad(uint32_t address)
+{
+    in_addr network_order{};
+    network_order.s_addr = htonl(address);
+    DottedQuad dotted;
+    inet_ntop(AF_INET, &network_order, dotted.text, sizeof dotted.text);
+    return dotted;
 }
 
 bool AddressAllowList::allows(uint32_t address) const

@@ -2,6 +2,8 @@
 // blocks as an operator writes them in the configuration.
 #pragma once
 
+#include <netinet/in.h>
+
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -32,6 +34,15 @@ BlockReading read_allowed_block(const std::string& text, AllowedBlock& block);
 
 /// The block as the settings line shows it: "10.0.0.0/8".
 std::string block_text(const AllowedBlock& block);
+
+/// An IPv4 address in dotted decimal, held in place so that writing an
+/// address into a line allocates nothing.
+struct DottedQuad {
+    char text[INET_ADDRSTRLEN];  ///< "255.255.255.255" and its NUL at most
+};
+
+/// `address` (host byte order) as "10.1.2.3".
+DottedQuad dotted_quad(uint32_t address);
 
 /// Who may connect.  By default everyone, as the classic daemon; once a list
 /// is configured, only the addresses in its blocks (an empty list: nobody).

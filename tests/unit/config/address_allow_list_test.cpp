@@ -58,6 +58,13 @@ TEST(AllowedBlock, TextShowsNetworkAndPrefix)
     EXPECT_EQ(block_text({0xc0a80105u, 0xffffffffu}), "192.168.1.5/32");
 }
 
+TEST(DottedQuad, AddressIsWrittenInDottedDecimal)
+{
+    EXPECT_STREQ(dotted_quad(0x0a090909u).text, "10.9.9.9");
+    EXPECT_STREQ(dotted_quad(0u).text, "0.0.0.0");
+    EXPECT_STREQ(dotted_quad(0xffffffffu).text, "255.255.255.255");
+}
+
 TEST(AddressAllowList, EveryoneByDefault)
 {
     AddressAllowList list;
