@@ -11,6 +11,9 @@
 #include <memory>
 #include <string>
 
+/// The listen address of the classic daemon: every local address.
+inline constexpr char tcp_listen_everywhere[] = "0.0.0.0";
+
 /// The settings of the [daemon] table.  Each default leaves the classic
 /// behaviour untouched.
 struct DaemonSettings {
@@ -20,7 +23,7 @@ struct DaemonSettings {
     uint64_t tcp_idle_timeout_s = 0;      ///< a TCP connection silent this long is closed; 0: never
     uint64_t client_send_timeout_ms = 0;  ///< a local client not taking a packet this long is dropped; 0: never
     std::string state_file;               ///< where the persistent media items are kept; "": nowhere
-    std::string tcp_listen_address = "0.0.0.0";  ///< the one address the trigger listener binds
+    std::string tcp_listen_address = tcp_listen_everywhere;  ///< the one address the trigger listener binds
     AddressAllowList tcp_allow;           ///< who may connect for triggers; by default everyone
     bool item_owners = false;             ///< only an item's first registrant (or root) may unregister it
     uint64_t max_local_clients = 0;       ///< local connections beyond this are closed; 0: no limit

@@ -14,6 +14,7 @@
 #include "rendermgr/channels.h"
 #include "service/send_budget.h"
 #include "service/state_file.h"
+#include "trigger/trigger_access.h"
 #include "trigger/trigger_listener.h"
 
 #include <csignal>
@@ -65,6 +66,7 @@ int start_up(int argc, char** argv)
         fputs("Unable to open TCP socket\n", stderr);
         return 1;
     }
+    report_listen_address_in_force();
     openlog("q9_korvane_xml_events_d", LOG_NDELAY, LOG_DAEMON);
     syslog(LOG_DAEMON | LOG_INFO, "Starting up\n");
     // The kept items are in place before the first client can list them.
@@ -110,6 +112,7 @@ void stop()
         tcp_trigger_fd = -1;
     }
     drop_all_tcp_clients();
+    tcp_refusal_lines.report_all();
     free_all();
     unlink(pid_file_path);
     fd_debug_dump_open_files(stderr);

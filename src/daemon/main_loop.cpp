@@ -12,6 +12,7 @@
 #include "service/command_server.h"
 #include "service/send_budget.h"
 #include "service/state_file.h"
+#include "trigger/trigger_access.h"
 #include "trigger/trigger_listener.h"
 
 #include <algorithm>
@@ -107,6 +108,7 @@ void reload_if_requested()
     if (!loaded)
         fputs("Warning: Configuration load failure\n", stderr);
     follow_state_file_setting();
+    follow_trigger_access_settings();
     service_manager_reloaded(loaded);
 }
 

@@ -19,3 +19,7 @@ constexpr size_t tcp_bytes_per_call = 256;
 /// Bytes a connection is read per window: what the calls of one classic
 /// pass read at most (2,560).
 constexpr size_t tcp_bytes_per_window = calls_per_pass * tcp_bytes_per_call;
+/// Connections one call of the TCP service refuses at most (tcp_allow):
+/// more than the listener's queue of four ever holds, so that a call
+/// empties it, while a flood of refused peers cannot hold the pass.
+constexpr int tcp_refusals_per_call = 8;

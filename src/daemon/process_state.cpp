@@ -13,6 +13,7 @@
 #include "service/command_server.h"
 #include "service/send_budget.h"
 #include "service/state_file.h"
+#include "trigger/trigger_access.h"
 #include "trigger/trigger_listener.h"
 
 bool force_run = false;
@@ -25,6 +26,7 @@ const char* const default_configuration_path = DAEMON_CONFIGURATION_PATH;
 const char* const rendermgr_root = RENDERMGR_ROOT;
 int tcp_trigger_port = 9876;
 int tcp_trigger_fd = -1;
+RefusalLines tcp_refusal_lines;
 uint64_t known_channels_last_update = 0;
 DaemonSettings daemon_settings;
 DaemonCounters daemon_counters;
@@ -33,6 +35,7 @@ std::vector<int> sel_channels;
 std::vector<int> known_channels;
 std::map<int, RenderManagerConnection*> rendermgr_conn;
 std::string configuration_path = default_configuration_path;
+std::string tcp_trigger_address;
 std::map<int, TCPTriggerClient> tcp_clients;
 std::map<std::string, ConfigurationEntry> configuration;
 std::map<std::string, MediaItemPersistence> media_persistence;

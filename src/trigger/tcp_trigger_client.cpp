@@ -1,6 +1,7 @@
 #include "trigger/tcp_trigger_client.h"
 
 #include "appliance_util.h"
+#include "config/address_allow_list.h"
 #include "config/daemon_settings.h"
 #include "daemon/daemon_counters.h"
 #include "daemon/pass_limits.h"
@@ -198,6 +199,17 @@ bool TCPTriggerClient::close_if_silent(uint64_t now)
         return false;
     fprintf(stderr, "TCP client fd %d idle for %" PRIu64 " s, closing\n", sock_fd,
             daemon_settings.tcp_idle_timeout_s);
+    close_connection(*this);
+    return true;
+}
+
+bool TCPTriggerClient::close_if_refused(const AddressAllowList& allowed)
+{
+    uint32_t address = ntohl(peer.sin_addr.s_addr);
+    if (sock_fd < 0 || allowed.allows(address))
+        return false;
+    fprintf(stderr, "TCP client fd %d from %s no longer in tcp_allow, closing\n", sock_fd,
+            dotted_quad(address).text);
     close_connection(*this);
     return true;
 }

@@ -8,6 +8,8 @@
 #include <map>
 #include <string>
 
+struct AddressAllowList;
+
 class TCPTriggerClient {
 public:
     int sock_fd = -1;          ///< the connection's socket; -1 when closed
@@ -52,6 +54,9 @@ public:
     /// daemon nothing to read for tcp_idle_timeout_s seconds up to `now`
     /// (monotonic microseconds).  True when it closed it.
     bool close_if_silent(uint64_t now);
+    /// Closes the connection, with a line naming it and its peer, when
+    /// `allowed` does not list the peer's address.  True when it closed it.
+    bool close_if_refused(const AddressAllowList& allowed);
     /// When close_if_silent() will close the connection if nothing comes:
     /// monotonic microseconds; the largest value while no timeout is set.
     uint64_t silence_deadline() const;

@@ -2,7 +2,11 @@
 
 #include "appliance_util.h"
 #include "config/daemon_settings.h"
+#include "daemon/daemon_counters.h"
 #include "daemon/pass_limits.h"
+#include "trigger/trigger_access.h"
+
+#include <arpa/inet.h>
 
 #include <algorithm>
 #include <cassert>
@@ -34,11 +38,13 @@ int fail_listener(const char* what)
     return -1;
 }
 
+// The address was checked when the settings were read, so inet_pton's
+// result is not looked at.
 int bind_to_port()
 {
     sockaddr_in address{};
     address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_ANY);
+    inet_pton(AF_INET, daemon_settings.tcp_listen_address.c_str(), &address.sin_addr);
     address.sin_port = htons(static_cast<uint16_t>(tcp_trigger_port & 0xffff));
     return bind(tcp_trigger_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
 }
@@ -80,9 +86,45 @@ void close_silent_clients()
         entry.second.close_if_silent(now);
 }
 
+// Accepted sockets stay blocking: every receive and send on them asks for
+// non-blocking by itself.
+void adopt_client(int fd, const sockaddr_in& peer)
+{
+    assert(tcp_clients.find(fd) == tcp_clients.end());
+    fprintf(stderr, "Accepted TCP client fd %d\n", fd);
+    // Replies are a few bytes each; sent at once, several answered in one
+    // pass do not wait for the peer's delayed acknowledgement of the last.
+    int immediately = 1;
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &immediately, sizeof(immediately));
+    // A new connection joins the window under way with its whole budget.
+    TCPTriggerClient& client = tcp_clients[fd];
+    client.take_fd(fd);
+    client.peer = peer;
+    client.window_left = tcp_bytes_per_window;
+    ++tcp_service_totals.accepted;
+}
+
+// Further callers wait in the listen queue.  A refused connection takes no
+// place, so the queue is emptied of them as far as the call's refusals go.
+void accept_new_clients()
+{
+    int refusals_left = tcp_refusals_per_call;
+    while (tcp_clients.size() < most_clients && refusals_left > 0) {
+        sockaddr_in peer{};
+        int fd = accept_pending(peer);
+        if (fd < 0)
+            return;
+        if (admit_trigger_peer(fd, peer))
+            adopt_client(fd, peer);
+        else
+            --refusals_left;
+    }
+}
+
 /// What a step changes when it finds anything to do.
 struct TcpActivity {
     TcpServiceTotals totals;
+    uint64_t refused;     ///< connections refused for their address
     uint64_t bytes_read;  ///< by the connections in the table
 };
 
@@ -90,7 +132,7 @@ struct TcpActivity {
 // tell it even when its bytes leave the sum with it.
 TcpActivity tcp_activity()
 {
-    TcpActivity activity{tcp_service_totals, 0};
+    TcpActivity activity{tcp_service_totals, daemon_counters.refusals.address, 0};
     for (const auto& entry : tcp_clients)
         activity.bytes_read += entry.second.bytes_read;
     return activity;
@@ -117,6 +159,7 @@ int tcp_trigger_open()
         return fail_listener("Cannot make socket listen");
     // Its result is not looked at: on the socket just made it cannot fail.
     fd_non_block(tcp_trigger_fd);
+    tcp_trigger_address = daemon_settings.tcp_listen_address;
     return 0;
 }
 
@@ -126,6 +169,7 @@ void tcp_trigger_close()
         close(tcp_trigger_fd);
         tcp_trigger_fd = -1;
     }
+    tcp_trigger_address.clear();
 }
 
 void service_all_tcp_clients()
@@ -137,26 +181,8 @@ void service_all_tcp_clients()
     close_silent_clients();
     // Sweeping before accepting refills a place freed in this very step.
     sweep_closed_clients();
-    // Accepted sockets stay blocking: every receive and send on them asks
-    // for non-blocking by itself.  Further callers wait in the listen queue.
-    while (tcp_clients.size() < most_clients) {
-        sockaddr_in peer{};
-        int fd = accept_pending(peer);
-        if (fd < 0)
-            return;
-        assert(tcp_clients.find(fd) == tcp_clients.end());
-        fprintf(stderr, "Accepted TCP client fd %d\n", fd);
-        // Replies are a few bytes each; sent at once, several answered in one
-        // pass do not wait for the peer's delayed acknowledgement of the last.
-        int immediately = 1;
-        setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &immediately, sizeof(immediately));
-        // A new connection joins the window under way with its whole budget.
-        TCPTriggerClient& client = tcp_clients[fd];
-        client.take_fd(fd);
-        client.peer = peer;
-        client.window_left = tcp_bytes_per_window;
-        ++tcp_service_totals.accepted;
-    }
+    accept_new_clients();
+    report_refusals_due();
 }
 
 void drop_all_tcp_clients()
@@ -171,7 +197,7 @@ bool service_tcp_step()
     service_all_tcp_clients();
     TcpActivity after = tcp_activity();
     return after.totals.accepted != before.totals.accepted || after.totals.dropped != before.totals.dropped ||
-           after.bytes_read != before.bytes_read;
+           after.refused != before.refused || after.bytes_read != before.bytes_read;
 }
 
 void open_tcp_window()
@@ -201,4 +227,5 @@ void tcp_wait_descriptors(std::vector<pollfd>& fds, uint64_t& wake_at, bool& bud
         else if (!client.stalled())
             fds.push_back(pollfd{client.sock_fd, POLLIN, 0});
     }
+    refusal_line_wake(wake_at);
 }

@@ -33,6 +33,23 @@ int connect_loopback(int port, std::chrono::milliseconds limit)
     return fd;
 }
 
+int connect_from(const std::string& source, const std::string& destination, int port)
+{
+    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in local{};
+    local.sin_family = AF_INET;
+    sockaddr_in remote{};
+    remote.sin_family = AF_INET;
+    remote.sin_port = htons(static_cast<uint16_t>(port));
+    if (inet_pton(AF_INET, source.c_str(), &local.sin_addr) == 1 &&
+        inet_pton(AF_INET, destination.c_str(), &remote.sin_addr) == 1 &&
+        bind(fd, reinterpret_cast<sockaddr*>(&local), sizeof(local)) == 0 &&
+        connect(fd, reinterpret_cast<sockaddr*>(&remote), sizeof(remote)) == 0)
+        return fd;
+    ::close(fd);
+    return -1;
+}
+
 bool send_all(int fd, const std::string& bytes)
 {
     size_t done = 0;
@@ -58,6 +75,11 @@ std::string receive_available(int fd)
 TcpPeer::TcpPeer() : TcpPeer(trigger_port) {}
 
 TcpPeer::TcpPeer(int port) : fd_(connect_loopback(port)) {}
+
+TcpPeer::TcpPeer(const std::string& source, const std::string& destination)
+    : fd_(connect_from(source, destination, trigger_port))
+{
+}
 
 TcpPeer::~TcpPeer()
 {
@@ -101,6 +123,21 @@ bool TcpPeer::wait_closed(std::chrono::milliseconds limit)
             return length == 0 || (length < 0 && errno != EAGAIN);
         },
         limit);
+}
+
+bool TcpPeer::closed_without_a_byte(std::chrono::milliseconds limit)
+{
+    ssize_t length = -1;
+    int error = EAGAIN;
+    wait_until(
+        [&] {
+            char byte;
+            length = recv(fd_, &byte, 1, MSG_DONTWAIT);
+            error = errno;
+            return length >= 0 || error != EAGAIN;
+        },
+        limit);
+    return length == 0 || (length < 0 && error == ECONNRESET);
 }
 
 void TcpPeer::close()

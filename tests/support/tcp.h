@@ -12,6 +12,12 @@ namespace q9test {
 /// accepted or `limit` passes; -1 then.
 int connect_loopback(int port, std::chrono::milliseconds limit = default_wait);
 
+/// A blocking TCP connection from `source` to `destination`:`port`, the
+/// client's socket bound to `source` (any address of the loopback
+/// interface in the sandbox, 127.x.y.z) before one connect; -1 when the
+/// connect fails.
+int connect_from(const std::string& source, const std::string& destination, int port);
+
 /// Sends every byte of `bytes` on `fd`; false when the peer is gone.
 bool send_all(int fd, const std::string& bytes);
 /// Everything that can be read from `fd` right now, without waiting.
@@ -25,6 +31,8 @@ public:
     /// Connects to 127.0.0.1:`port` instead, where a stand-in of the daemon
     /// listens.
     explicit TcpPeer(int port);
+    /// Connects from `source` to `destination`:9876 with connect_from().
+    TcpPeer(const std::string& source, const std::string& destination);
     ~TcpPeer();
 
     bool connected() const { return fd_ >= 0; }
@@ -37,6 +45,9 @@ public:
     std::string available();
     /// True when the daemon closed the connection by the deadline.
     bool wait_closed(std::chrono::milliseconds limit = default_wait);
+    /// True when the daemon closed the connection by the deadline, with an
+    /// end of stream or a reset, before sending a single byte.
+    bool closed_without_a_byte(std::chrono::milliseconds limit = default_wait);
     /// Closes the connection.
     void close();
 

@@ -387,7 +387,7 @@ TEST_F(TriggerListenerTest, DescriptorAlreadyInTheTableAborts)
             tcp_clients[next_descriptor()].take_fd(ends[0]);
             service_all_tcp_clients();
         },
-        "void service_all_tcp_clients\\(\\): Assertion `tcp_clients.find\\(fd\\) == tcp_clients.end\\(\\)' failed");
+        "adopt_client\\(int, const sockaddr_in&\\): Assertion `tcp_clients.find\\(fd\\) == tcp_clients.end\\(\\)' failed");
     close(ends[0]);
     close(ends[1]);
 }
