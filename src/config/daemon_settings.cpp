@@ -100,23 +100,25 @@ void read_address(const cpptoml::table& table, const char* key, std::string& set
             text.c_str(), setting.c_str());
 }
 
+// The whole string goes to the reader, which refuses a NUL: cut at its
+// first NUL, "10.0.0.0/8\u0000x" would pass for a block.
 void read_allow_entry(const std::shared_ptr<cpptoml::base>& entry, AddressAllowList& list)
 {
-    const char* text = toml_get_the_damn_string(entry);
+    const std::string* text = toml_get_the_damn_value<std::string>(entry);
     if (text == nullptr) {
         fprintf(stderr, "Warning: [daemon] tcp_allow entry %s is not a string, skipped\n",
                 describe(entry).c_str());
         return;
     }
     AllowedBlock block;
-    switch (read_allowed_block(text, block)) {
+    switch (read_allowed_block(*text, block)) {
     case BlockReading::malformed:
         fprintf(stderr, "Warning: [daemon] tcp_allow entry \"%s\" is not an IPv4 address or block, skipped\n",
-                text);
+                text->c_str());
         return;
     case BlockReading::host_bits_set:
         fprintf(stderr, "Warning: [daemon] tcp_allow entry \"%s\" has bits set below its prefix, taken as %s\n",
-                text, block_text(block).c_str());
+                text->c_str(), block_text(block).c_str());
         break;
     case BlockReading::exact:
         break;

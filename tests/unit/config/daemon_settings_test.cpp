@@ -234,6 +234,15 @@ TEST_F(DaemonTable, BadAllowEntriesAreSkippedAndTheGoodOnesKept)
     EXPECT_FALSE(daemon_settings.tcp_allow.allows(0x0b000001u));
 }
 
+TEST_F(DaemonTable, AllowEntryWithANulIsSkippedNotCutShort)
+{
+    ASSERT_TRUE(load("[daemon]\ntcp_allow = [\"10.0.0.0/8\\u0000x\", \"10.0.0.2\"]\n"));
+    EXPECT_EQ(err.substr(0, err.find("Daemon settings")),
+              "Warning: [daemon] tcp_allow entry \"10.0.0.0/8\" is not an IPv4 address or block, skipped\n");
+    EXPECT_NE(err.find("tcp_allow = [\"10.0.0.2/32\"], "), std::string::npos);
+    EXPECT_FALSE(daemon_settings.tcp_allow.allows(0x0a000001u));
+}
+
 TEST_F(DaemonTable, AllowListWithoutAValidEntryRefusesEveryAddress)
 {
     ASSERT_TRUE(load("[daemon]\ntcp_allow = [\"10.0.0.300\", \" 10.0.0.1\"]\n"));
