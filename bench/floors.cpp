@@ -38,6 +38,16 @@ void answer_lines(int fd)
     }
 }
 
+[[noreturn]] void refuse_all(int listener)
+{
+    for (;;) {
+        int fd = accept(listener, nullptr, nullptr);
+        if (fd < 0)
+            _exit(1);
+        close(fd);
+    }
+}
+
 // The child keeps only the standard descriptors and the listener, moved
 // to `keeper_fd`: a copy of one of the parent's connections to the daemon
 // would keep that connection open after the parent closed it.
@@ -71,6 +81,26 @@ int bound_port(int listener)
     return ntohs(address.sin_port);
 }
 
+// Listens on a free loopback port (into `port`) and runs `serve` on it in a
+// child process, kept on CPU `cpu` when that is 0 or more; the child's pid,
+// or -1.
+pid_t serve_in_child(int& port, void (*serve)(int), int cpu)
+{
+    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    if (listener < 0)
+        return -1;
+    port = bound_port(listener);
+    pid_t pid = port > 0 ? fork() : -1;
+    if (pid == 0) {
+        keep_only_listener(listener);
+        if (cpu >= 0)
+            keep_on_cpu(cpu);
+        serve(keeper_fd);
+    }
+    close(listener);
+    return pid;
+}
+
 [[noreturn]] void sleep_as_classic()
 {
     for (;;)
@@ -102,22 +132,20 @@ void end_child(pid_t pid)
 
 FloorServer::FloorServer(int cpu)
 {
-    int listener = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (listener < 0)
-        return;
-    port_ = bound_port(listener);
-    if (port_ > 0)
-        pid_ = fork();
-    if (pid_ == 0) {
-        keep_only_listener(listener);
-        if (cpu >= 0)
-            keep_on_cpu(cpu);
-        serve(keeper_fd);
-    }
-    close(listener);
+    pid_ = serve_in_child(port_, serve, cpu);
 }
 
 FloorServer::~FloorServer()
+{
+    end_child(pid_);
+}
+
+RefusingFloor::RefusingFloor()
+{
+    pid_ = serve_in_child(port_, refuse_all, -1);
+}
+
+RefusingFloor::~RefusingFloor()
 {
     end_child(pid_);
 }

@@ -27,6 +27,23 @@ private:
     pid_t pid_ = -1;
 };
 
+/// A bare loop that accepts every connection on a free loopback port and
+/// closes it at once: the floor under a refused connection.
+class RefusingFloor : q9test::NoCopy {
+public:
+    RefusingFloor();
+    /// Ends and reaps the child.
+    ~RefusingFloor();
+
+    bool listening() const { return pid_ > 0; }
+    int port() const { return port_; }
+    pid_t pid() const { return pid_; }
+
+private:
+    int port_ = -1;
+    pid_t pid_ = -1;
+};
+
 /// A bare loop that sleeps as the daemon does when idle and does nothing
 /// else: usleep(250000) over and over as the classic pass does, or a ppoll()
 /// of two idle sockets with a 5 s timeout, as the waking daemon waits for
