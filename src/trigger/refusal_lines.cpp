@@ -112,6 +112,7 @@ void RefusalLines::print(const Entry& entry) const
                 " refused since the last line)\n",
                 entry.untold);
     else
-        fprintf(stderr, "Refused TCP connection from %s: not in tcp_allow (%" PRIu64 " refused since the last line)\n",
+        fprintf(stderr,
+                "Refused TCP connection from %s: not in tcp_allow (%" PRIu64 " refused since the last line)\n",
                 dotted_quad(entry.address).text, entry.untold);
 }

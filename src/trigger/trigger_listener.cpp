@@ -49,9 +49,9 @@ int bind_to_port()
     return bind(tcp_trigger_fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
 }
 
-// The peer's address goes to the status view only.  The listener is asked
-// first whether anyone waits: on an empty queue accept() makes the kernel
-// build a socket and throw it away, ten times a pass.
+// The peer's address goes to the tcp_allow check and the status view.  The
+// listener is asked first whether anyone waits: on an empty queue accept()
+// makes the kernel build a socket and throw it away, ten times a pass.
 int accept_pending(sockaddr_in& address)
 {
     pollfd listener{tcp_trigger_fd, POLLIN, 0};
