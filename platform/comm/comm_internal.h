@@ -139,6 +139,8 @@ struct comm_socket_v4_client {
     int fd;  ///< negative once the peer is gone
     FrameInput input;
     PendingOutput output;  ///< the unwritten rest of one frame at most
+    bool uid_known;        ///< the kernel gave the peer's credentials at accept
+    uid_t uid;             ///< the user id the peer connected as, when known
 };
 
 // Client role (client.cpp).

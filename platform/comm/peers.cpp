@@ -43,6 +43,17 @@ void forget(std::deque<comm_socket_v4_client*>& queue, comm_socket_v4_client* pe
     queue.erase(std::remove(queue.begin(), queue.end(), peer), queue.end());
 }
 
+// The credentials are the connecting process's, fixed by the kernel at
+// connect(): taken once here, they stay known after the peer hangs up.
+void take_peer_uid(comm_socket_v4_client* peer)
+{
+    ucred credentials{};
+    socklen_t length = sizeof(credentials);
+    peer->uid_known = getsockopt(peer->fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) == 0 &&
+                      length == sizeof(credentials);
+    peer->uid = peer->uid_known ? credentials.uid : 0;
+}
+
 // Releases the requests of `peer` that nobody fetched yet.
 void drop_requests(ServerState& server, comm_socket_v4_client* peer)
 {
@@ -78,11 +89,12 @@ bool accept_peers(comm_socket_v4* sock)
             return errno == EAGAIN || errno == EWOULDBLOCK || errno == EMFILE || errno == ENFILE ||
                    errno == ENOBUFS || errno == ENOMEM;
         auto* peer = new (std::nothrow)
-            comm_socket_v4_client{sock, lowest_free_index(sock->clients), fd, {}, {}};
+            comm_socket_v4_client{sock, lowest_free_index(sock->clients), fd, {}, {}, false, 0};
         if (peer == nullptr) {
             close(fd);
             return true;
         }
+        take_peer_uid(peer);
         add_peer(sock, peer);
         peer_read(peer);
     }
@@ -169,6 +181,14 @@ void comm_socket_v4_free_client(comm_socket_v4_client* client)
 unsigned long comm_socket_v4_client_ptr2index(comm_socket_v4_client* client)
 {
     return client != nullptr ? client->index : ~0ul;
+}
+
+int comm_socket_v4_client_uid(const comm_socket_v4_client* client, uid_t* uid)
+{
+    if (client == nullptr || uid == nullptr || !client->uid_known)
+        return -1;
+    *uid = client->uid;
+    return 0;
 }
 
 comm_socket_v4_packet* comm_socket_v4_server_get_packet(comm_socket_v4* sock,

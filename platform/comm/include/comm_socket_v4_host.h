@@ -1,10 +1,13 @@
 // What the host build of the packet-socket library offers beyond the
 // appliance's own library: a server ending a peer, a server on a listening
-// socket that someone else made, and the descriptors a caller waits on.  The daemon's units that use it come in two variants,
-// <stem>_host.cpp built on this and <stem>_sdk.cpp built without it.
+// socket that someone else made, the descriptors a caller waits on, and the
+// user a peer connected as.  The daemon's units that use it come in two
+// variants, <stem>_host.cpp built on this and <stem>_sdk.cpp built without it.
 #pragma once
 
 #include "comm_socket_v4.h"
+
+#include <sys/types.h>
 
 /// Ends the connection of a live peer from the server's side: its queued
 /// requests are released and it is reported once by
@@ -22,6 +25,13 @@ void comm_socket_v4_disconnect_client(comm_socket_v4_client* client);
 /// when `fd` is not a listening Unix-domain stream socket or the endpoint is
 /// already in use.
 int comm_socket_v4_adopt_server(comm_socket_v4* sock, int fd);
+
+/// The user id of the process that connected as the peer `client`, from
+/// the peer credentials the kernel gave when the server accepted it
+/// (SO_PEERCRED): known from then until comm_socket_v4_free_client(), also
+/// after the peer went away.  0 with `*uid` set; -1 when `client` or `uid`
+/// is null or the kernel gave no credentials.
+int comm_socket_v4_client_uid(const comm_socket_v4_client* client, uid_t* uid);
 
 struct pollfd;
 
