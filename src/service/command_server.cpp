@@ -5,6 +5,8 @@
 #include "daemon/daemon_counters.h"
 #include "daemon/process_state.h"
 #include "q9mi.h"
+#include "service/item_limits.h"
+#include "service/item_owners.h"
 #include "service/patient_send.h"
 #include "service/send_budget.h"
 #include "service/state_file.h"
@@ -22,13 +24,42 @@ constexpr unsigned long no_client_index = ~0ul;
 constexpr int64_t result_context_lost = 100;
 constexpr int64_t result_unknown_trigger_string = 101;
 constexpr int64_t result_not_saved = 102;
+constexpr int64_t result_not_owner = 103;
+constexpr int64_t result_too_many_items = 104;
+constexpr int64_t result_name_too_long = 105;
 const char* const context_lost_status = "Your client context has been lost (BUG)";
 const char* const not_saved_status = "Not saved to the state file";
+const char* const not_owner_status = "Registered by another user";
+const char* const too_many_items_status = "Too many items";
+const char* const name_too_long_status = "Item name too long";
 
 /// The "target" and "triggers" values of a "register" or "unregister".
 struct RegistrationPairs {
     std::optional<std::string> target;
     std::optional<std::string> triggers;
+};
+
+/// A "register" or "unregister" with its sender.
+struct Registration {
+    comm_socket_v4_client* sender;
+    unsigned long index;
+    RegistrationPairs pairs;
+};
+
+/// A request that a rule of the [daemon] table turns down: the result and
+/// status word of its reply.
+struct Refusal {
+    int64_t result;
+    const char* status;
+};
+
+/// What "register" and "unregister" each do: the rules that may refuse the
+/// request, and the change it makes to the sender's record and the items,
+/// false for an unknown trigger string.
+struct RegistrationCommand {
+    const char* word;
+    std::optional<Refusal> (*refusal)(const Registration&);
+    bool (*apply)(CommSocketClient&, const Registration&);
 };
 
 void accept_new_clients()
@@ -111,12 +142,35 @@ void reject_trigger_string(comm_socket_v4_packet* reply, const char* command)
     write_reply(reply, command, "Unknown trigger string");
 }
 
-// What "register" asks of the sender's record; false for an unknown
-// trigger string, after the target was applied all the same.
-bool apply_register(CommSocketClient& client, const RegistrationPairs& pairs)
+std::optional<Refusal> register_refusal(const Registration& request)
 {
+    if (!request.pairs.target)
+        return std::nullopt;
+    if (!name_within_limit(request.index, *request.pairs.target))
+        return Refusal{result_name_too_long, name_too_long_status};
+    if (!room_for_item(request.index, *request.pairs.target))
+        return Refusal{result_too_many_items, too_many_items_status};
+    return std::nullopt;
+}
+
+std::optional<Refusal> unregister_refusal(const Registration& request)
+{
+    if (request.pairs.target &&
+        !may_unregister(sender_uid(request.sender), request.index, *request.pairs.target))
+        return Refusal{result_not_owner, not_owner_status};
+    return std::nullopt;
+}
+
+// What "register" asks of the sender's record; false for an unknown
+// trigger string, after the target was applied all the same.  An item
+// registered already keeps the owner it has.
+bool apply_register(CommSocketClient& client, const Registration& request)
+{
+    const RegistrationPairs& pairs = request.pairs;
     if (pairs.target) {
-        media_persistence.emplace(*pairs.target, MediaItemPersistence());
+        auto [item, added] = media_persistence.try_emplace(*pairs.target);
+        if (added)
+            item->second.owner = sender_uid(request.sender);
         client.target = *pairs.target;
     }
     if (!pairs.triggers)
@@ -129,8 +183,9 @@ bool apply_register(CommSocketClient& client, const RegistrationPairs& pairs)
 
 // Unlike "register", an empty triggers value leaves the flag alone: only "*"
 // withdraws a client from the notifications.
-bool apply_unregister(CommSocketClient& client, const RegistrationPairs& pairs)
+bool apply_unregister(CommSocketClient& client, const Registration& request)
 {
+    const RegistrationPairs& pairs = request.pairs;
     if (pairs.target) {
         media_persistence.erase(*pairs.target);
         client.target.clear();
@@ -156,34 +211,45 @@ void write_registration_reply(comm_socket_v4_packet* reply, const char* command,
     write_reply(reply, command, "OK");
 }
 
+const RegistrationCommand register_command{"register", register_refusal, apply_register};
+const RegistrationCommand unregister_command{"unregister", unregister_refusal, apply_unregister};
+
 // "register" and "unregister": only a client with a record may change it.
-void command_registration(const comm_socket_v4_packet* request, comm_socket_v4_packet* reply,
-                          unsigned long index, const char* command,
-                          bool (*apply)(CommSocketClient&, const RegistrationPairs&))
+void command_registration(const RegistrationCommand& command, const comm_socket_v4_packet* request,
+                          comm_socket_v4_packet* reply, comm_socket_v4_client* sender)
 {
+    unsigned long index = comm_socket_v4_client_ptr2index(sender);
     auto record = server_socket_clients.find(index);
     if (record == server_socket_clients.end()) {
         reply->result = result_context_lost;
-        write_reply(reply, command, context_lost_status);
+        write_reply(reply, command.word, context_lost_status);
+        return;
+    }
+    Registration registration{sender, index, read_registration_pairs(request)};
+    // A refused request changes nothing: neither its target nor its
+    // triggers pair is applied.
+    if (std::optional<Refusal> refusal = command.refusal(registration)) {
+        reply->result = refusal->result;
+        write_reply(reply, command.word, refusal->status);
         return;
     }
     // "register" only adds items and "unregister" only removes them, so
     // the count tells whether the items changed.
     size_t items_before = media_persistence.size();
-    if (!apply(record->second, read_registration_pairs(request)))
-        reject_trigger_string(reply, command);
-    write_registration_reply(reply, command, media_persistence.size() != items_before);
+    if (!command.apply(record->second, registration))
+        reject_trigger_string(reply, command.word);
+    write_registration_reply(reply, command.word, media_persistence.size() != items_before);
 }
 
-void dispatch(comm_socket_v4_packet* request, comm_socket_v4_packet* reply, unsigned long index)
+void dispatch(comm_socket_v4_packet* request, comm_socket_v4_packet* reply, comm_socket_v4_client* sender)
 {
     const char* command = packet_command_word(request);
     if (strcmp(command, "test") == 0)
         command_test(reply);
     else if (strcmp(command, "register") == 0)
-        command_registration(request, reply, index, "register", apply_register);
+        command_registration(register_command, request, reply, sender);
     else if (strcmp(command, "unregister") == 0)
-        command_registration(request, reply, index, "unregister", apply_unregister);
+        command_registration(unregister_command, request, reply, sender);
     else if (strcmp(command, "list-pmi") == 0)
         command_list_pmi(reply);
     else if (strcmp(command, "status") == 0)
@@ -201,7 +267,7 @@ void serve_request(comm_socket_v4_client* client, comm_socket_v4_packet* request
         reply = comm_socket_v4_packet_create();
     if (reply != nullptr) {
         prepare_reply_header(request, reply);
-        dispatch(request, reply, comm_socket_v4_client_ptr2index(client));
+        dispatch(request, reply, client);
         send_to_client_patiently(client, reply);
     }
     comm_socket_v4_packet_release(reply);

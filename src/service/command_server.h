@@ -1,8 +1,11 @@
 // The local command service: client records, persistent media items.
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 /// The daemon's record of one connected local client.
@@ -15,7 +18,8 @@ public:
 /// One persistent media item, started on every trigger.
 class MediaItemPersistence {
 public:
-    bool flag = false;  ///< kept for the record layout; nothing uses it
+    bool flag = false;           ///< kept for the record layout; nothing uses it
+    std::optional<uid_t> owner;  ///< uid of its first registrant under item_owners; none without
 };
 
 /// Connected local clients by the library's client index.

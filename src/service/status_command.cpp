@@ -131,9 +131,21 @@ void write_local_clients(PairWriter& out)
         out.text(out.member("clients", position, "target"), client.target.c_str());
         ++position;
     }
-    position = 0;
-    for (const auto& item : media_persistence)
-        out.text(out.member("items", position++, "name"), item.first.c_str());
+}
+
+// An item without owner (registered while item_owners was off) shows an
+// empty owner.
+void write_items(PairWriter& out)
+{
+    size_t position = 0;
+    for (const auto& [name, item] : media_persistence) {
+        out.text(out.member("items", position, "name"), name.c_str());
+        if (item.owner)
+            out.number(out.member("items", position, "owner"), *item.owner);
+        else
+            out.text(out.member("items", position, "owner"), "");
+        ++position;
+    }
 }
 
 void write_state_file(PairWriter& out, const Clocks& clocks)
@@ -194,6 +206,7 @@ void write_status_reply(comm_socket_v4_packet* reply)
     write_configuration(out, clocks);
     write_tcp_connections(out);
     write_local_clients(out);
+    write_items(out);
     write_state_file(out, clocks);
     write_channels(out, clocks);
     write_counters(out);

@@ -31,6 +31,9 @@ const std::set<std::string> kNotWritten = {
     "Your client context has been lost (BUG)",      // status words of replies
     "Unknown trigger string",                       //   to local clients
     "Not saved to the state file",                  //
+    "Registered by another user",                   //
+    "Too many items",                               //
+    "Item name too long",                           //
     "q9_korvane_xml_events_d state 1",              // the state file's version line
     "OK\n", "OK\n\n",                               // acknowledgements to TCP peers
     "READY=1\n", "Reload failed",                    // messages to the service manager

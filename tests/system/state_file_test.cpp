@@ -11,7 +11,6 @@
 #include <gtest/gtest.h>
 
 #include <csignal>
-#include <cstdlib>
 #include <memory>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -30,10 +29,7 @@ const std::string version_line = "q9_korvane_xml_events_d state 1\n";
 // suite runs (the waking one under $Q9_TEST_WAKE_ON_INPUT).
 std::string config_with_state_file(const std::string& path)
 {
-    std::string table = "[daemon]\nstate_file = \"" + path + "\"\n";
-    if (std::getenv("Q9_TEST_WAKE_ON_INPUT") != nullptr)
-        table += "wake_on_input = true\n";
-    return minimal_config() + table;
+    return config_with_daemon_keys("state_file = \"" + path + "\"\n");
 }
 
 Packet ask(const std::string& command, const Pairs& pairs = {})

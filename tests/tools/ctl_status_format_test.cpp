@@ -57,7 +57,9 @@ const Pairs kLists = {
     {"clients.1.listening", "false"},
     {"clients.1.target", "news at ten"},
     {"items.0.name", "123"},
+    {"items.0.owner", "1000"},
     {"items.1.name", "news at ten"},
+    {"items.1.owner", ""},
     {"channels.0.number", "1"},
     {"channels.0.state", "open"},
     {"channels.0.since", "1795000000"},
@@ -107,9 +109,9 @@ TEST(CtlStatusFormat, PageShowsHeaderTablesAndCounters)
               "      1  no         \"news at ten\"\n"
               "\n"
               "Persistent media items: 2\n"
-              "  NAME\n"
-              "  123\n"
-              "  \"news at ten\"\n"
+              "  OWNER  NAME\n"
+              "   1000  123\n"
+              "      -  \"news at ten\"\n"
               "\n"
               "Render-manager channels: 2\n"
               "  CHANNEL  STATE   SINCE\n"
@@ -210,6 +212,8 @@ TEST(CtlStatusFormat, JsonGroupsListsAndTypesTheDocumentedFields)
     EXPECT_EQ("", status["clients"][0]["target"]);
     // An item's name stays a text even when it looks like a number.
     EXPECT_EQ("123", status["items"][0]["name"]);
+    EXPECT_EQ(1000, status["items"][0]["owner"]);
+    EXPECT_TRUE(status["items"][1]["owner"].is_null()) << "an item without owner";
     EXPECT_EQ(12, status["channels"][1]["number"]);
     EXPECT_EQ(375140, status["passes"]["count"]);
 }
@@ -228,6 +232,15 @@ TEST(CtlStatusFormat, JsonIsOneLineInTheDocumentedOrderWithEmptyLists)
               members);
     for (const char* list : {"tcp", "clients", "items", "channels"})
         EXPECT_EQ(nlohmann::ordered_json::array(), status[list]) << list;
+}
+
+// A daemon from before items had owners sends no owner: the page does not
+// claim that its items have none.
+TEST(CtlStatusFormat, ItemsOfADaemonThatTellsNoOwnersShowAQuestionMark)
+{
+    StatusReply reply(joined({kHeader, {{"items.0.name", "clip"}}}));
+    EXPECT_NE(std::string::npos,
+              format_status_text(reply.get()).find("Persistent media items: 1\n  OWNER  NAME\n      ?  clip\n"));
 }
 
 TEST(CtlStatusFormat, UnknownFieldsAreKeptAsTexts)

@@ -13,6 +13,7 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <csignal>
 #include <map>
 
 using namespace q9test;
@@ -47,7 +48,8 @@ TEST_F(StatusOfAKnownDaemon, ReplyNamesEveryFieldInTheDocumentedOrder)
     for (const char* client : {"clients.0.", "clients.1.", "clients.2."})
         for (const char* field : {"index", "listening", "target"})
             expected.push_back(std::string(client) + field);
-    expected.insert(expected.end(), {"items.0.name", "items.1.name", "state_file.unsaved_since"});
+    expected.insert(expected.end(),
+                    {"items.0.name", "items.0.owner", "items.1.name", "items.1.owner", "state_file.unsaved_since"});
     for (const char* channel : {"channels.0.", "channels.1."})
         for (const char* field : {"number", "state", "since"})
             expected.push_back(std::string(channel) + field);
@@ -103,7 +105,9 @@ TEST_F(StatusOfAKnownDaemon, ClientsItemsAndChannelsAreListed)
     EXPECT_EQ("a", fields["clients.2.target"]);
     EXPECT_LT(std::stoul(fields["clients.0.index"]), std::stoul(fields["clients.1.index"]));
     EXPECT_EQ("a", fields["items.0.name"]);
+    EXPECT_EQ("", fields["items.0.owner"]) << "registered without item_owners";
     EXPECT_EQ("b", fields["items.1.name"]);
+    EXPECT_EQ("", fields["items.1.owner"]);
     EXPECT_EQ("1", fields["channels.0.number"]);
     EXPECT_EQ("open", fields["channels.0.state"]);
     EXPECT_EQ("2", fields["channels.1.number"]);
@@ -159,7 +163,8 @@ TEST_F(StatusOfAKnownDaemon, CtlJsonIsOneObjectWithTypedFields)
     ASSERT_EQ(4u, status["clients"].size());
     EXPECT_EQ(true, status["clients"][1]["listening"]);
     EXPECT_EQ(false, status["clients"][3]["listening"]);
-    EXPECT_EQ((nlohmann::json{{{"name", "a"}}, {{"name", "b"}}}), status["items"]);
+    EXPECT_EQ((nlohmann::json{{{"name", "a"}, {"owner", nullptr}}, {{"name", "b"}, {"owner", nullptr}}}),
+              status["items"]);
     ASSERT_EQ(2u, status["channels"].size());
     EXPECT_EQ(2, status["channels"][1]["number"]);
     EXPECT_EQ("failed", status["channels"][1]["state"]);
@@ -180,7 +185,7 @@ TEST_F(StatusOfAKnownDaemon, CtlShowsEveryTableForAPerson)
     EXPECT_NE(std::string::npos, page.find("\nTCP connections: 2 of 4\n"));
     EXPECT_NE(std::string::npos, page.find(peer_text(*stalled_) + "  stalled        1024         0\n"));
     EXPECT_NE(std::string::npos, page.find("\nLocal clients: 4, 2 listening for triggers\n"));
-    EXPECT_NE(std::string::npos, page.find("\nPersistent media items: 2\n  NAME\n  a\n  b\n"));
+    EXPECT_NE(std::string::npos, page.find("\nPersistent media items: 2\n  OWNER  NAME\n      -  a\n      -  b\n"));
     EXPECT_NE(std::string::npos, page.find("\nRender-manager channels: 2\n"));
     EXPECT_NE(std::string::npos, page.find("\n        2  failed  "));
     EXPECT_NE(std::string::npos, page.find("\n  triggers handled            3\n"));
@@ -204,6 +209,31 @@ TEST(StatusOfAWakingDaemon, SettingsOfTheDaemonTableAreShownAndPassesCounted)
     // counts once it is over.
     ASSERT_TRUE(client.request(reply, "status"));
     EXPECT_GT(std::stoull(as_map(reply.pairs)["passes.count"]), std::stoull(fields["passes.count"]));
+}
+
+// The tests run as root: an item registered under item_owners is root's.
+TEST(StatusOfAnOwningDaemon, EachItemShowsItsOwner)
+{
+    write_config(minimal_config() + "\n[daemon]\nitem_owners = false\n");
+    Daemon daemon;
+    ASSERT_TRUE(daemon.wait_until_running()) << daemon.stderr_text();
+    PacketClient client;
+    Packet reply;
+    ASSERT_TRUE(client.request(reply, "register", {{"target", "unowned"}}));
+    write_config(minimal_config() + "\n[daemon]\nitem_owners = true\n");
+    ASSERT_TRUE(daemon.deliver(SIGHUP));
+    ASSERT_TRUE(daemon.wait_for_stderr("Reloading config, SIGHUP\n"));
+    ASSERT_TRUE(client.request(reply, "register", {{"target", "owned"}}));
+    ASSERT_EQ("OK", reply.status);
+
+    ToolResult json = q9test::run_tool(Q9_CTL_BINARY, {"status", "--json"});
+    ASSERT_EQ(0, json.status) << json.err;
+    EXPECT_EQ((nlohmann::json{{{"name", "owned"}, {"owner", 0}}, {{"name", "unowned"}, {"owner", nullptr}}}),
+              nlohmann::json::parse(json.out)["items"]);
+    ToolResult page = q9test::run_tool(Q9_CTL_BINARY, {"status"});
+    ASSERT_EQ(0, page.status) << page.err;
+    EXPECT_NE(std::string::npos,
+              page.out.find("\nPersistent media items: 2\n  OWNER  NAME\n      0  owned\n      -  unowned\n"));
 }
 
 TEST(StatusWithoutDaemon, CtlSaysTheDaemonIsNotRunning)

@@ -13,7 +13,8 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-enum class Kind { text, number, flag };
+// number_or_none: a number, or null where the daemon gives the empty text.
+enum class Kind { text, number, number_or_none, flag };
 
 struct Field {
     const char* name;  // "*" stands for the position of a list member
@@ -41,6 +42,7 @@ const Field kTypedFields[] = {
     {"tcp.*.messages", Kind::number},
     {"clients.*.index", Kind::number},
     {"clients.*.listening", Kind::flag},
+    {"items.*.owner", Kind::number_or_none},
     {"state_file.unsaved_since", Kind::number},
     {"channels.*.number", Kind::number},
     {"channels.*.since", Kind::number},
@@ -81,7 +83,10 @@ Json typed_value(const std::string& value, Kind kind)
 {
     if (kind == Kind::flag && (value == "true" || value == "false"))
         return value == "true";
-    if (kind == Kind::number && !value.empty() && value.find_first_not_of("0123456789") == std::string::npos) {
+    if (kind == Kind::number_or_none && value.empty())
+        return nullptr;
+    bool digits = !value.empty() && value.find_first_not_of("0123456789") == std::string::npos;
+    if ((kind == Kind::number || kind == Kind::number_or_none) && digits) {
         errno = 0;
         unsigned long long number = strtoull(value.c_str(), nullptr, 10);
         if (errno == 0)
@@ -308,13 +313,23 @@ std::string state_file_line(const Json& status)
     return "  NOT SAVED to " + quote_if_needed(path) + " since " + utc_time(since) + "\n";
 }
 
+// An item without owner shows "-"; a daemon that does not tell owners
+// leaves the column to "?".
+std::string owner_of(const Json& item)
+{
+    const Json& owner = status_member(item, "owner");
+    if (owner.is_null() && item.is_object() && item.contains("owner"))
+        return "-";
+    return text_of(owner);
+}
+
 std::string items_section(const Json& status)
 {
     std::vector<std::vector<std::string>> rows;
     for (const Json& item : status_member(status, "items"))
-        rows.push_back({quote_if_needed(text_of(status_member(item, "name")))});
+        rows.push_back({owner_of(item), quote_if_needed(text_of(status_member(item, "name")))});
     return "\nPersistent media items: " + std::to_string(rows.size()) + "\n" +
-           table({{"NAME", false}}, rows) + state_file_line(status);
+           table({{"OWNER", true}, {"NAME", false}}, rows) + state_file_line(status);
 }
 
 std::string channels_section(const Json& status)

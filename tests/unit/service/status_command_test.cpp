@@ -115,7 +115,7 @@ TEST_F(StatusCommandTest, ConnectionsClientsItemsAndChannelsAreListed)
     int fd = connect_reading_peer();
     server_socket_clients[3] = CommSocketClient{true, ""};
     server_socket_clients[5] = CommSocketClient{false, "clip"};
-    media_persistence["b"];
+    media_persistence["b"].owner = 1000;
     media_persistence["a"];
     rendermgr_get_or_create_channel(7);
     Fields fields = reply();
@@ -129,7 +129,9 @@ TEST_F(StatusCommandTest, ConnectionsClientsItemsAndChannelsAreListed)
     EXPECT_EQ("5", fields["clients.1.index"]);
     EXPECT_EQ("clip", fields["clients.1.target"]);
     EXPECT_EQ("a", fields["items.0.name"]);
+    EXPECT_EQ("", fields["items.0.owner"]) << "registered without item_owners";
     EXPECT_EQ("b", fields["items.1.name"]);
+    EXPECT_EQ("1000", fields["items.1.owner"]);
     EXPECT_EQ("7", fields["channels.0.number"]);
     EXPECT_EQ("failed", fields["channels.0.state"]);
     EXPECT_LE(std::stoull(fields["channels.0.since"]), static_cast<uint64_t>(time(nullptr)));

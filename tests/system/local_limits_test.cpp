@@ -1,0 +1,113 @@
+// max_items and max_item_name_bytes seen from outside: a register beyond
+// them is refused with its line, its reply and its count, and changes
+// nothing; without them every item is served.
+
+#include "daemon.h"
+#include "packet_peers.h"
+#include "packets.h"
+#include "tcp.h"
+#include "text.h"
+#include "waiting.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+
+using namespace q9test;
+
+namespace {
+
+Packet ask(PacketClient& client, const std::string& command, const Pairs& pairs = {})
+{
+    Packet reply;
+    client.request(reply, command, pairs);
+    return reply;
+}
+
+// "COMMAND / STATUS / RESULT" of a reply.
+std::string summary(const Packet& reply)
+{
+    return reply.command + " / " + reply.status + " / " + std::to_string(reply.result);
+}
+
+std::string status_value(PacketClient& client, const std::string& name)
+{
+    for (const auto& pair : ask(client, "status").pairs)
+        if (pair.first == name)
+            return pair.second;
+    return "(absent)";
+}
+
+class LocalLimits : public testing::Test {
+protected:
+    void start(const std::string& keys)
+    {
+        write_config(config_with_daemon_keys(keys));
+        daemon = std::make_unique<Daemon>();
+        ASSERT_TRUE(daemon->wait_until_running());
+    }
+
+    std::unique_ptr<Daemon> daemon;
+};
+
+TEST_F(LocalLimits, ARegisterBeyondMaxItemsIsRefusedAndChangesNothing)
+{
+    start("max_items = 2\n");
+    PacketClient client;
+    ASSERT_EQ(summary(ask(client, "register", {{"target", "a"}})), "register / OK / 0");
+    ASSERT_EQ(summary(ask(client, "register", {{"target", "b"}})), "register / OK / 0");
+    EXPECT_EQ(summary(ask(client, "register", {{"target", "c"}, {"triggers", "*"}})),
+              "register / Too many items / 104");
+    EXPECT_TRUE(daemon->wait_for_stderr("* client 0 may not register another item, max_items is 2: c\n"));
+    EXPECT_EQ(ask(client, "list-pmi").pairs, (Pairs{{"item", "a"}, {"item", "b"}}));
+    EXPECT_EQ(status_value(client, "clients.0.target"), "b");
+    EXPECT_EQ(status_value(client, "clients.0.listening"), "false");
+    EXPECT_EQ(summary(ask(client, "register", {{"target", "a"}})), "register / OK / 0")
+        << "an item present adds nothing";
+    EXPECT_EQ(status_value(client, "refusals.items"), "1");
+}
+
+TEST_F(LocalLimits, ARegisterOfANameBeyondMaxItemNameBytesIsRefusedAndChangesNothing)
+{
+    start("max_item_name_bytes = 8\n");
+    PacketClient client;
+    EXPECT_EQ(summary(ask(client, "register", {{"target", "123456789"}, {"triggers", "*"}})),
+              "register / Item name too long / 105");
+    EXPECT_TRUE(daemon->wait_for_stderr(
+        "* client 0 may not register a name of 9 bytes, max_item_name_bytes is 8\n"));
+    EXPECT_TRUE(ask(client, "list-pmi").pairs.empty());
+    // Clients are notified in the order they connected: once the later
+    // listener has its notification, one for `client` would be waiting.
+    PacketClient later;
+    ASSERT_EQ(summary(ask(later, "register", {{"triggers", "*"}})), "register / OK / 0");
+    TcpPeer peer;
+    ASSERT_TRUE(peer.send("TRIGGER\n\n"));
+    ASSERT_EQ(peer.receive(4), "OK\n\n");
+    Packet notification;
+    ASSERT_TRUE(later.receive(notification));
+    EXPECT_FALSE(client.receive(notification, std::chrono::milliseconds(0))) << "triggers=* was applied";
+    EXPECT_EQ(summary(ask(client, "register", {{"target", "12345678"}})), "register / OK / 0");
+    EXPECT_EQ(status_value(client, "refusals.item_name_bytes"), "1");
+}
+
+// The classic daemon: no limit, no refusal line, every reply as ever.
+TEST_F(LocalLimits, WithoutLimitsEveryClientAndItemIsServed)
+{
+    write_config(minimal_config());
+    daemon = std::make_unique<Daemon>();
+    ASSERT_TRUE(daemon->wait_until_running());
+    std::vector<std::unique_ptr<PacketClient>> clients;
+    for (int i = 0; i < 8; ++i) {
+        clients.push_back(std::make_unique<PacketClient>());
+        std::string name = std::string(300, 'n') + std::to_string(i);
+        ASSERT_EQ(summary(ask(*clients.back(), "register", {{"target", name}})), "register / OK / 0");
+    }
+    EXPECT_EQ(ask(*clients[0], "list-pmi").pairs.size(), 8u);
+    std::string err = daemon->stderr_text();
+    EXPECT_EQ(count_of(err, "* new connection\n"), 8);
+    EXPECT_EQ(err.find("* client"), std::string::npos);
+    for (const char* reason : {"items", "item_name_bytes"})
+        EXPECT_EQ(status_value(*clients[0], std::string("refusals.") + reason), "0") << reason;
+}
+
+}  // namespace
