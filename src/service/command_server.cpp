@@ -7,6 +7,7 @@
 #include "q9mi.h"
 #include "service/item_limits.h"
 #include "service/item_owners.h"
+#include "service/local_client_limit.h"
 #include "service/patient_send.h"
 #include "service/send_budget.h"
 #include "service/state_file.h"
@@ -66,10 +67,10 @@ void accept_new_clients()
 {
     while (comm_socket_v4_client* client = comm_socket_v4_accept_connection(server_socket)) {
         unsigned long index = comm_socket_v4_client_ptr2index(client);
-        if (index != no_client_index)
-            server_socket_clients.emplace(index, CommSocketClient());
         fputs("* new connection\n", stderr);
         ++command_server_totals.accepted;
+        if (index != no_client_index && admit_local_client(client, index))
+            server_socket_clients.emplace(index, CommSocketClient());
     }
 }
 

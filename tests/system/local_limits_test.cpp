@@ -1,6 +1,6 @@
-// max_items and max_item_name_bytes seen from outside: a register beyond
-// them is refused with its line, its reply and its count, and changes
-// nothing; without them every item is served.
+// max_local_clients, max_items and max_item_name_bytes seen from outside:
+// what is beyond them is refused with its line, its reply and its count,
+// and changes nothing; without them every client and item is served.
 
 #include "daemon.h"
 #include "packet_peers.h"
@@ -11,6 +11,10 @@
 
 #include <gtest/gtest.h>
 
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <memory>
 
 using namespace q9test;
@@ -38,6 +42,16 @@ std::string status_value(PacketClient& client, const std::string& name)
     return "(absent)";
 }
 
+// Whether the daemon ended the connection `fd` by the deadline.
+bool closed_by_daemon(int fd)
+{
+    return wait_until([fd] {
+        char byte;
+        ssize_t length = recv(fd, &byte, 1, MSG_DONTWAIT);
+        return length == 0 || (length < 0 && errno != EAGAIN);
+    });
+}
+
 class LocalLimits : public testing::Test {
 protected:
     void start(const std::string& keys)
@@ -49,6 +63,24 @@ protected:
 
     std::unique_ptr<Daemon> daemon;
 };
+
+TEST_F(LocalLimits, AConnectionBeyondMaxLocalClientsIsClosedAtOnce)
+{
+    start("max_local_clients = 2\n");
+    PacketClient first;
+    PacketClient second;
+    ASSERT_EQ(summary(ask(second, "test")), "test / OK / 0");
+    int third = connect_unix(service_path);
+    ASSERT_GE(third, 0);
+    EXPECT_TRUE(closed_by_daemon(third));
+    close(third);
+    EXPECT_TRUE(daemon->wait_for_stderr("* new connection\n"
+                                        "* client 2 is over max_local_clients 2, disconnecting\n"
+                                        "* disconnected client\n"));
+    EXPECT_EQ(status_value(first, "refusals.local_clients"), "1");
+    EXPECT_EQ(status_value(first, "clients.1.index"), "1");
+    EXPECT_EQ(status_value(first, "clients.2.index"), "(absent)");
+}
 
 TEST_F(LocalLimits, ARegisterBeyondMaxItemsIsRefusedAndChangesNothing)
 {
@@ -106,7 +138,7 @@ TEST_F(LocalLimits, WithoutLimitsEveryClientAndItemIsServed)
     std::string err = daemon->stderr_text();
     EXPECT_EQ(count_of(err, "* new connection\n"), 8);
     EXPECT_EQ(err.find("* client"), std::string::npos);
-    for (const char* reason : {"items", "item_name_bytes"})
+    for (const char* reason : {"local_clients", "items", "item_name_bytes"})
         EXPECT_EQ(status_value(*clients[0], std::string("refusals.") + reason), "0") << reason;
 }
 
