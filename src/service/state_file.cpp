@@ -13,13 +13,13 @@
 
 namespace {
 
-std::vector<std::string> item_names()
+std::vector<SavedItem> saved_items()
 {
-    std::vector<std::string> names;
-    names.reserve(media_persistence.size());
-    for (const auto& item : media_persistence)
-        names.push_back(item.first);
-    return names;
+    std::vector<SavedItem> items;
+    items.reserve(media_persistence.size());
+    for (const auto& [name, item] : media_persistence)
+        items.push_back(SavedItem{name, item.owner});
+    return items;
 }
 
 /// Moves a bad file out of the way so that it is kept for the operator and
@@ -89,8 +89,8 @@ void load_state_file()
         return;
     }
     StateFileContents contents = parse_state_file(text);
-    for (const std::string& name : contents.item_names)
-        media_persistence.emplace(name, MediaItemPersistence());
+    for (const SavedItem& saved : contents.items)
+        media_persistence.emplace(saved.name, MediaItemPersistence{false, saved.owner});
     if (contents.first_bad_line != 0) {
         move_bad_file_aside("line " + std::to_string(contents.first_bad_line) + " is malformed");
         save_state_file();
@@ -103,7 +103,7 @@ bool save_state_file()
         return true;
     int error = 0;
     if (bad_file_out_of_the_way())
-        error = replace_file_durably(state_file.path, format_state_file(item_names()));
+        error = replace_file_durably(state_file.path, format_state_file(saved_items()));
     if (error == 0 && !state_file.bad_file_in_place) {
         note_saved();
         return true;

@@ -20,11 +20,12 @@ struct StateFileRecord {
 /// The state file in use.
 extern StateFileRecord state_file;
 
-/// Adds the items kept in the state file that the settings name to
-/// media_persistence.  A missing file holds no items and says nothing.  A
-/// file that cannot be read or holds a malformed line is reported in one
-/// line naming it (and its first bad line) and moved aside in its directory,
-/// never overwritten; the items of its well-formed lines are kept.
+/// Adds the items kept in the state file that the settings name, with their
+/// owners, to media_persistence; an item there already stays as it is.  A
+/// missing file holds no items and says nothing.  A file that cannot be
+/// read or holds a malformed line is reported in one line naming it (and
+/// its first bad line) and moved aside in its directory, never
+/// overwritten; the items of its well-formed lines are kept.
 void load_state_file();
 
 /// Writes media_persistence to the state file after a change of the items:

@@ -34,7 +34,8 @@ const std::set<std::string> kNotWritten = {
     "Registered by another user",                   //
     "Too many items",                               //
     "Item name too long",                           //
-    "q9_korvane_xml_events_d state 1",              // the state file's version line
+    "q9_korvane_xml_events_d state 1",              // the state file's version lines
+    "q9_korvane_xml_events_d state 2",              //
     "OK\n", "OK\n\n",                               // acknowledgements to TCP peers
     "READY=1\n", "Reload failed",                    // messages to the service manager
     "%sSTATUS=%s; event sections %zu; TCP connections %zu; local clients %zu, listening %zu; "

@@ -4,6 +4,7 @@
 // user's program is a child process that gave up root before connecting.
 
 #include "daemon.h"
+#include "files.h"
 #include "other_user.h"
 #include "packet_peers.h"
 #include "packets.h"
@@ -16,6 +17,7 @@
 
 #include <csignal>
 #include <memory>
+#include <sys/stat.h>
 
 using namespace q9test;
 
@@ -173,6 +175,26 @@ TEST_F(ItemOwners, TheClassicDaemonLetsAnyoneUnregisterAndRecordsNoOwner)
     EXPECT_EQ(status_value(root, "items.0.owner"), "");
     EXPECT_EQ(ask_as(other_uid, "unregister", {{"target", "news"}}), "unregister / OK / 0");
     EXPECT_TRUE(listed_items(root).empty());
+}
+
+TEST_F(ItemOwners, OwnersOutliveARestartInTheStateFile)
+{
+    mkdir("/run/q9-state", 0755);
+    std::string keys = owners_on + "state_file = \"/run/q9-state/items\"\n";
+    start(keys);
+    EXPECT_EQ(ask_as(other_uid, "register", {{"target", "theirs"}}), "register / OK / 0");
+    {
+        PacketClient root;
+        ASSERT_EQ(summary(ask(root, "register", {{"target", "root's"}})), "register / OK / 0");
+    }
+    EXPECT_EQ(read_file("/run/q9-state/items"),
+              "q9_korvane_xml_events_d state 2\nitem 0 root's\nitem 65534 theirs\n");
+    ASSERT_EQ(daemon->stop(), 0);
+    start(keys);
+    EXPECT_EQ(ask_as(other_uid, "unregister", {{"target", "root's"}}), refused_reply);
+    PacketClient root;
+    EXPECT_EQ(status_value(root, "items.0.owner"), "0");
+    EXPECT_EQ(status_value(root, "items.1.owner"), "65534");
 }
 
 }  // namespace

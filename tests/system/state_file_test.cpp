@@ -23,7 +23,7 @@ using Pairs = std::vector<std::pair<std::string, std::string>>;
 
 const std::string state_directory = "/run/q9-state";
 const std::string state_path = state_directory + "/items";
-const std::string version_line = "q9_korvane_xml_events_d state 1\n";
+const std::string version_line = "q9_korvane_xml_events_d state 2\n";
 
 // The minimal configuration with `path` as the state file, in the loop the
 // suite runs (the waking one under $Q9_TEST_WAKE_ON_INPUT).
@@ -76,7 +76,7 @@ TEST_F(StateFile, AnAcknowledgedRegisterIsInTheFileWhenTheReplyArrives)
     Packet reply = ask("register", {{"target", "Evening news"}});
     EXPECT_EQ(reply.status, "OK");
     EXPECT_EQ(reply.result, 0);
-    EXPECT_EQ(read_file(state_path), version_line + "item Evening news\n");
+    EXPECT_EQ(read_file(state_path), version_line + "item - Evening news\n");
 }
 
 TEST_F(StateFile, AnAcknowledgedUnregisterIsInTheFileWhenTheReplyArrives)
@@ -85,7 +85,7 @@ TEST_F(StateFile, AnAcknowledgedUnregisterIsInTheFileWhenTheReplyArrives)
     ASSERT_EQ(ask("register", {{"target", "a"}}).status, "OK");
     ASSERT_EQ(ask("register", {{"target", "b"}}).status, "OK");
     EXPECT_EQ(ask("unregister", {{"target", "a"}}).status, "OK");
-    EXPECT_EQ(read_file(state_path), version_line + "item b\n");
+    EXPECT_EQ(read_file(state_path), version_line + "item - b\n");
 }
 
 TEST_F(StateFile, ItemsComeBackAfterAnOrderlyStopAndAfterAKill)
@@ -106,14 +106,14 @@ TEST_F(StateFile, ItemsComeBackAfterAnOrderlyStopAndAfterAKill)
 
 TEST_F(StateFile, AMalformedFileIsMovedAsideAndItsGoodItemsAreServed)
 {
-    std::string bad = version_line + "item good\nitem \\q\nitem also good\n";
+    std::string bad = version_line + "item - good\nitem - \\q\nitem - also good\n";
     write_file(state_path, bad);
     start();
     EXPECT_TRUE(daemon->wait_for_stderr("State file " + state_path + " line 3 is malformed, moved aside to " +
                                         state_path + ".bad.1\n"));
     EXPECT_EQ(listed_items(), (Pairs{{"item", "also good"}, {"item", "good"}}));
     EXPECT_EQ(read_file(state_path + ".bad.1"), bad);
-    EXPECT_EQ(read_file(state_path), version_line + "item also good\nitem good\n");
+    EXPECT_EQ(read_file(state_path), version_line + "item - also good\nitem - good\n");
 }
 
 // A directory where the temporary file goes makes every write fail.
@@ -132,7 +132,7 @@ TEST_F(StateFile, AFailedWriteIsAnsweredAsNotSavedServedAndTriedAgain)
     ASSERT_EQ(rmdir((state_path + ".new").c_str()), 0);
     EXPECT_TRUE(daemon->wait_for_stderr("State file " + state_path + " saved again\n", 1,
                                         std::chrono::seconds(15)));
-    EXPECT_EQ(read_file(state_path), version_line + "item x\n");
+    EXPECT_EQ(read_file(state_path), version_line + "item - x\n");
     EXPECT_EQ(status_value("state_file.unsaved_since"), "0");
 }
 
@@ -141,12 +141,12 @@ TEST_F(StateFile, AReloadNamingAnotherStateFileWritesTheItemsThere)
     start();
     ASSERT_EQ(ask("register", {{"target", "kept"}}).status, "OK");
     std::string other = state_directory + "/other";
-    write_file(other, version_line + "item never served\n");
+    write_file(other, version_line + "item - never served\n");
     write_config(config_with_state_file(other));
     ASSERT_TRUE(daemon->deliver(SIGHUP));
     ASSERT_TRUE(daemon->wait_for_stderr("Reloading config, SIGHUP\n"));
     EXPECT_EQ(status_value("daemon.state_file"), other);
-    EXPECT_EQ(read_file(other), version_line + "item kept\n");
+    EXPECT_EQ(read_file(other), version_line + "item - kept\n");
     EXPECT_EQ(listed_items(), (Pairs{{"item", "kept"}}));
 }
 

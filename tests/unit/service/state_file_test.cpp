@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -17,7 +18,7 @@ using q9test::path_exists;
 using q9test::read_file;
 using q9test::write_file;
 
-constexpr const char* version_line = "q9_korvane_xml_events_d state 1\n";
+constexpr const char* version_line = "q9_korvane_xml_events_d state 2\n";
 
 class StateFile : public ::testing::Test {
 protected:
@@ -76,6 +77,15 @@ protected:
         return names;
     }
 
+    // The owners of the items, in name order.
+    static std::vector<std::optional<uid_t>> owners()
+    {
+        std::vector<std::optional<uid_t>> owners;
+        for (const auto& item : media_persistence)
+            owners.push_back(item.second.owner);
+        return owners;
+    }
+
     std::string directory;
     std::string path;
     std::string err;
@@ -90,28 +100,46 @@ TEST_F(StateFile, AMissingFileHoldsNoItemsAndSaysNothing)
     EXPECT_FALSE(path_exists(path));
 }
 
-TEST_F(StateFile, TheItemsOfTheFileAreLoaded)
+TEST_F(StateFile, TheItemsOfTheFileAreLoadedWithTheirOwners)
 {
-    write_file(path, std::string(version_line) + "item b\nitem a\\nline\n");
+    write_file(path, std::string(version_line) + "item - b\nitem 1000 a\\nline\n");
     load();
     EXPECT_EQ(items(), (std::vector<std::string>{"a\nline", "b"}));
+    EXPECT_EQ(owners(), (std::vector<std::optional<uid_t>>{1000u, std::nullopt}));
     EXPECT_EQ(err, "");
 }
 
-TEST_F(StateFile, LoadingAddsToTheItemsInMemory)
+TEST_F(StateFile, LoadingAddsToTheItemsInMemoryAndLeavesTheirOwners)
 {
-    media_persistence["kept"];
-    write_file(path, std::string(version_line) + "item loaded\n");
+    media_persistence["kept"].owner = 7;
+    write_file(path, std::string(version_line) + "item 1000 kept\nitem - loaded\n");
     load();
     EXPECT_EQ(items(), (std::vector<std::string>{"kept", "loaded"}));
+    EXPECT_EQ(owners(), (std::vector<std::optional<uid_t>>{7u, std::nullopt}));
 }
 
-TEST_F(StateFile, ASaveWritesEveryItemInNameOrderAndLeavesNoTemporaryFile)
+// A file written before items had owners is read as it is and written in
+// the new form at the next change.
+TEST_F(StateFile, AFileWithoutOwnersIsLoadedAndWrittenAnewAtTheNextChange)
 {
-    media_persistence["b"];
+    std::string old_file = "q9_korvane_xml_events_d state 1\nitem b\nitem a\n";
+    write_file(path, old_file);
+    load();
+    EXPECT_EQ(items(), (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ(owners(), (std::vector<std::optional<uid_t>>{std::nullopt, std::nullopt}));
+    EXPECT_EQ(err, "");
+    EXPECT_EQ(read_file(path), old_file);
+    media_persistence["c"].owner = 1000;
+    EXPECT_TRUE(save());
+    EXPECT_EQ(read_file(path), std::string(version_line) + "item - a\nitem - b\nitem 1000 c\n");
+}
+
+TEST_F(StateFile, ASaveWritesEveryItemWithItsOwnerInNameOrderAndLeavesNoTemporaryFile)
+{
+    media_persistence["b"].owner = 0;
     media_persistence["a"];
     EXPECT_TRUE(save());
-    EXPECT_EQ(read_file(path), std::string(version_line) + "item a\nitem b\n");
+    EXPECT_EQ(read_file(path), std::string(version_line) + "item - a\nitem 0 b\n");
     EXPECT_FALSE(path_exists(path + ".new"));
     EXPECT_EQ(err, "");
     EXPECT_EQ(state_file.unsaved_since_us, 0u);
@@ -128,13 +156,13 @@ TEST_F(StateFile, WithoutAStateFileNothingIsWritten)
 
 TEST_F(StateFile, AMalformedFileIsMovedAsideAndItsGoodLinesKept)
 {
-    std::string bad = std::string(version_line) + "item a\nnonsense\nitem b\n";
+    std::string bad = std::string(version_line) + "item - a\nnonsense\nitem - b\n";
     write_file(path, bad);
     load();
     EXPECT_EQ(items(), (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ(err, "State file " + path + " line 3 is malformed, moved aside to " + path + ".bad.1\n");
     EXPECT_EQ(read_file(path + ".bad.1"), bad);
-    EXPECT_EQ(read_file(path), std::string(version_line) + "item a\nitem b\n");
+    EXPECT_EQ(read_file(path), std::string(version_line) + "item - a\nitem - b\n");
 }
 
 TEST_F(StateFile, AFileMovedAsideEarlierIsNeverOverwritten)
@@ -179,7 +207,7 @@ TEST_F(StateFile, AFailedWriteKeepsTheItemsSaysSoOnceAndIsTriedAgain)
     retry_state_file();
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "State file " + path + " saved again\n");
     EXPECT_EQ(state_file.unsaved_since_us, 0u);
-    EXPECT_EQ(read_file(path), std::string(version_line) + "item a\nitem b\n");
+    EXPECT_EQ(read_file(path), std::string(version_line) + "item - a\nitem - b\n");
 }
 
 TEST_F(StateFile, ARetryWithEverythingSavedWritesNothing)
@@ -193,10 +221,10 @@ TEST_F(StateFile, AStateFileNamedAnewGetsTheItemsInMemory)
 {
     media_persistence["a"];
     std::string other = directory + "/other";
-    write_file(other, std::string(version_line) + "item never loaded\n");
+    write_file(other, std::string(version_line) + "item - never loaded\n");
     use(other);
     EXPECT_EQ(state_file.path, other);
-    EXPECT_EQ(read_file(other), std::string(version_line) + "item a\n");
+    EXPECT_EQ(read_file(other), std::string(version_line) + "item - a\n");
     EXPECT_EQ(items(), std::vector<std::string>{"a"});
 }
 
