@@ -22,7 +22,6 @@
 namespace {
 
 constexpr int listen_backlog = 4;
-constexpr size_t most_clients = 4;
 
 void set_reuse_option(int option, const char* name)
 {
@@ -109,7 +108,7 @@ void adopt_client(int fd, const sockaddr_in& peer)
 void accept_new_clients()
 {
     int refusals_left = tcp_refusals_per_call;
-    while (tcp_clients.size() < most_clients && refusals_left > 0) {
+    while (tcp_clients.size() < tcp_client_places && refusals_left > 0) {
         sockaddr_in peer{};
         int fd = accept_pending(peer);
         if (fd < 0)
@@ -213,7 +212,7 @@ void open_tcp_window()
 // the loop when its idle time is up.
 void tcp_wait_descriptors(std::vector<pollfd>& fds, uint64_t& wake_at, bool& budget_spent)
 {
-    if (tcp_trigger_fd >= 0 && tcp_clients.size() < most_clients)
+    if (tcp_trigger_fd >= 0 && tcp_clients.size() < tcp_client_places)
         fds.push_back(pollfd{tcp_trigger_fd, POLLIN, 0});
     for (const auto& entry : tcp_clients) {
         const TCPTriggerClient& client = entry.second;

@@ -11,6 +11,9 @@
 
 struct pollfd;
 
+/// Connections open at once at most: the places of tcp_clients.
+constexpr size_t tcp_client_places = 4;
+
 /// TCP port of the listener (low 16 bits used).
 extern int tcp_trigger_port;
 /// Listening socket, -1 while closed.
