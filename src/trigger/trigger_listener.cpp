@@ -4,6 +4,7 @@
 #include "config/daemon_settings.h"
 #include "daemon/daemon_counters.h"
 #include "daemon/pass_limits.h"
+#include "trigger/kept_connections.h"
 #include "trigger/trigger_access.h"
 
 #include <arpa/inet.h>
@@ -68,6 +69,7 @@ void sweep_closed_clients()
         auto current = it++;
         if (current->second.sock_fd < 0) {
             fprintf(stderr, "Dropping TCP client fd %d\n", current->first);
+            forget_kept_connection(current->second);
             tcp_clients.erase(current);
             ++tcp_service_totals.dropped;
         }
@@ -95,11 +97,7 @@ void adopt_client(int fd, const sockaddr_in& peer)
     // pass do not wait for the peer's delayed acknowledgement of the last.
     int immediately = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &immediately, sizeof(immediately));
-    // A new connection joins the window under way with its whole budget.
-    TCPTriggerClient& client = tcp_clients[fd];
-    client.take_fd(fd);
-    client.peer = peer;
-    client.window_left = tcp_bytes_per_window;
+    keep_connection(enter_tcp_client(fd, peer));
     ++tcp_service_totals.accepted;
 }
 
@@ -182,6 +180,15 @@ void service_all_tcp_clients()
     sweep_closed_clients();
     accept_new_clients();
     report_refusals_due();
+}
+
+TCPTriggerClient& enter_tcp_client(int fd, const sockaddr_in& peer)
+{
+    TCPTriggerClient& client = tcp_clients[fd];
+    client.take_fd(fd);
+    client.peer = peer;
+    client.window_left = tcp_bytes_per_window;
+    return client;
 }
 
 void drop_all_tcp_clients()

@@ -10,6 +10,7 @@
 #include <vector>
 
 struct pollfd;
+struct sockaddr_in;
 
 /// Connections open at once at most: the places of tcp_clients.
 constexpr size_t tcp_client_places = 4;
@@ -38,6 +39,9 @@ void tcp_trigger_close();
 void service_all_tcp_clients();
 /// Closes and forgets every connection, without replies or messages.
 void drop_all_tcp_clients();
+/// Enters the open connection `fd` from `peer` into tcp_clients, where it
+/// must not be yet, joining the window under way with its whole budget.
+TCPTriggerClient& enter_tcp_client(int fd, const sockaddr_in& peer);
 
 /// What the TCP service has done since start.
 struct TcpServiceTotals {
