@@ -37,7 +37,8 @@ public:
     KeptSlot* kept = nullptr;
 
     TCPTriggerClient();
-    /// Closes the socket if it is open; no reply is sent.
+    /// Closes its descriptor of the socket if it is open; no reply is sent,
+    /// and a kept connection's slot stays as it was.
     ~TCPTriggerClient();
     TCPTriggerClient(const TCPTriggerClient&) = delete;
     TCPTriggerClient& operator=(const TCPTriggerClient&) = delete;
