@@ -292,6 +292,25 @@ TEST_F(KeptConnections, AConnectionClosedByItsPeerWhileNoDaemonRunsIsDroppedAtTh
     EXPECT_TRUE(store.wait_for_names({"trigger-table", "trigger-2"}));
 }
 
+// A restart under a tcp_allow that no longer lists the peer: the connection
+// comes back, is closed as a reload would close it, and leaves the store.
+TEST_F(KeptConnections, AConnectionFromAnAddressNoLongerAllowedIsClosedWhenTakenBack)
+{
+    start();
+    TcpPeer peer;
+    ASSERT_TRUE(peer.send("ONE LINE TRIGGER\n"));
+    EXPECT_EQ(peer.receive(3), "OK\n");
+    ASSERT_EQ(daemon->stop(), 0);
+    write_config(config_with_daemon_keys("tcp_allow = [\"10.1.2.3\"]\n"));
+
+    start();
+    expect_line("Kept TCP client fd 6 (trigger-1) taken back\n");
+    expect_line("TCP client fd 6 from 127.0.0.1 no longer in tcp_allow, closing\n");
+    EXPECT_TRUE(peer.wait_closed());
+    EXPECT_EQ(peer.available(), "");
+    EXPECT_TRUE(store.wait_for_names({"trigger-table"}));
+}
+
 // Whatever the daemon cannot use of the store's descriptors leaves the
 // store, each with a line; without a table nothing tells where a
 // connection stood.
