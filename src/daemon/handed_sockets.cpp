@@ -29,6 +29,7 @@ struct Handed {
 
 Handed trigger_listener;
 Handed command_socket;
+std::vector<StoredDescriptor> stored;
 
 /// An int-valued SOL_SOCKET option of `fd`, or -1.
 int socket_option(int fd, int option)
@@ -122,6 +123,12 @@ bool is_trigger_listener(int fd)
     return listens(fd, AF_INET, SOCK_STREAM) && socket_option(fd, SO_PROTOCOL) == IPPROTO_TCP;
 }
 
+bool is_tcp_connection(int fd)
+{
+    return socket_option(fd, SO_DOMAIN) == AF_INET && socket_option(fd, SO_TYPE) == SOCK_STREAM &&
+           socket_option(fd, SO_PROTOCOL) == IPPROTO_TCP && socket_option(fd, SO_ACCEPTCONN) == 0;
+}
+
 // By the file, not its spelling: a socket unit names /run/..., the daemon
 // /var/run/..., and on Debian one is a link to the other.
 bool is_command_socket(int fd)
@@ -141,6 +148,10 @@ bool is_command_socket(int fd)
 
 void take(int fd, const char* name)
 {
+    if (is_stored_name(name)) {
+        stored.push_back({fd, name, is_tcp_connection(fd)});
+        return;
+    }
     Handed handed{fd, name, description_of(fd)};
     if (trigger_listener.fd < 0 && is_trigger_listener(fd)) {
         trigger_listener = std::move(handed);
@@ -165,6 +176,11 @@ void take_handed_sockets()
     for (char** name = names; name != nullptr && *name != nullptr; ++name)
         free(*name);
     free(names);
+}
+
+std::vector<StoredDescriptor> take_stored_descriptors()
+{
+    return std::exchange(stored, {});
 }
 
 int take_handed_trigger_listener()

@@ -7,6 +7,9 @@
 #pragma once
 
 #include "comm_socket_v4.h"
+#include "trigger/kept_connections.h"
+
+#include <vector>
 
 /// Takes the descriptors handed over to this process and removes
 /// LISTEN_FDS, LISTEN_PID and LISTEN_FDNAMES from the environment.  They
@@ -14,8 +17,15 @@
 /// first IPv4 TCP socket that listens is kept for the trigger listener
 /// (whatever its address and port), the first Unix stream socket that
 /// listens at the command service's file (however its path is spelled) for
-/// the command server; every other one is closed with a line naming it.
+/// the command server; those named as the daemon names what it keeps in
+/// the service manager's descriptor store are set aside for
+/// take_stored_descriptors(); every other one is closed with a line naming
+/// it.
 void take_handed_sockets();
+
+/// The descriptors handed back from the descriptor store, for the caller
+/// to own from now on; each says whether it is a TCP connection.
+std::vector<StoredDescriptor> take_stored_descriptors();
 
 /// The handed-over trigger listener, made non-blocking, for the caller to
 /// own from now on, with a line naming it; -1, and no line, when none was

@@ -5,6 +5,7 @@
 #include "config/configuration.h"
 #include "daemon/command_line.h"
 #include "daemon/daemon_counters.h"
+#include "daemon/descriptor_store.h"
 #include "daemon/handed_sockets.h"
 #include "daemon/instance_guard.h"
 #include "daemon/main_loop.h"
@@ -14,6 +15,7 @@
 #include "rendermgr/channels.h"
 #include "service/send_budget.h"
 #include "service/state_file.h"
+#include "trigger/kept_connections.h"
 #include "trigger/trigger_access.h"
 #include "trigger/trigger_listener.h"
 
@@ -67,6 +69,8 @@ int start_up(int argc, char** argv)
         return 1;
     }
     report_listen_address_in_force();
+    descriptor_store_open();
+    take_back_kept_connections(take_stored_descriptors());
     openlog("q9_korvane_xml_events_d", LOG_NDELAY, LOG_DAEMON);
     syslog(LOG_DAEMON | LOG_INFO, "Starting up\n");
     // The kept items are in place before the first client can list them.
@@ -111,6 +115,9 @@ void stop()
         close(tcp_trigger_fd);
         tcp_trigger_fd = -1;
     }
+    // The connections stay open in the descriptor store, if one keeps
+    // them, with the messages they were receiving.
+    keep_partial_messages();
     drop_all_tcp_clients();
     tcp_refusal_lines.report_all();
     free_all();

@@ -22,11 +22,39 @@ constexpr int reply_tries = 10;
 constexpr useconds_t reply_pause_us = 10000;
 constexpr uint64_t us_per_s = 1000000;
 
+void mark(TCPTriggerClient& client, KeptState state)
+{
+    if (client.kept != nullptr)
+        set_kept_state(*client.kept, state);
+}
+
+// A connection closed here is never served again, also not by the next
+// daemon when the descriptor store still holds it.
 int close_connection(TCPTriggerClient& client)
 {
+    mark(client, KeptState::closed);
     close(client.sock_fd);
     client.sock_fd = -1;
     return -1;
+}
+
+// Takes the bytes processed so far out of the socket, where they were only
+// looked at.  A kept connection's mark says "inside" before bytes of an
+// unfinished message leave the socket, and "between" only once a message's
+// last byte has left it: after a crash the mark never claims that the
+// socket begins at a message when it does not.
+void take_processed(TCPTriggerClient& client)
+{
+    bool inside = client.inside_message();
+    if (inside)
+        mark(client, KeptState::inside_message);
+    if (client.looked_at > 0) {
+        unsigned char taken[tcp_bytes_per_call];
+        recv(client.sock_fd, taken, client.looked_at, MSG_DONTWAIT);
+        client.looked_at = 0;
+    }
+    if (!inside)
+        mark(client, KeptState::between_messages);
 }
 
 void reset_message(TCPTriggerClient& client)
@@ -38,11 +66,17 @@ void reset_message(TCPTriggerClient& client)
     client.message_bytes = 0;
 }
 
+// A kept connection's message leaves the socket after it was handled and
+// before it is answered: a daemon that ends while handling it leaves it
+// whole in the socket, and the next one handles and answers it; one that
+// ends after the answer leaves nothing of it to be answered twice.
 void complete_message(TCPTriggerClient& client, int one_line)
 {
     client.handle_message();
-    client.send_reply(one_line);
     reset_message(client);
+    if (client.kept != nullptr)
+        take_processed(client);
+    client.send_reply(one_line);
 }
 
 // A line without "=" carries nothing, yet it still counts as a line of the
@@ -124,14 +158,6 @@ int refuse_long_line(TCPTriggerClient& client)
     return close_connection(client);
 }
 
-// Takes the `count` bytes just processed out of the socket, where they
-// were only looked at.  0, the connection being open.
-int take_processed(TCPTriggerClient& client, unsigned char* bytes, ssize_t count)
-{
-    recv(client.sock_fd, bytes, count, MSG_DONTWAIT);
-    return 0;
-}
-
 // After the last receive of a call came back empty.  An interrupted receive
 // is not retried: it ends the connection like any other receive error.
 int end_of_input(TCPTriggerClient& client, ssize_t received)
@@ -175,10 +201,12 @@ const char* reply_failure(int fd, const char* reply, size_t length)
 
 TCPTriggerClient::TCPTriggerClient() : line{} {}
 
+// Only the descriptor goes: a kept connection stays in the store, open, for
+// the next daemon.
 TCPTriggerClient::~TCPTriggerClient()
 {
     if (sock_fd >= 0)
-        close_connection(*this);
+        close(sock_fd);
 }
 
 void TCPTriggerClient::take_fd(int fd)
@@ -223,13 +251,18 @@ uint64_t TCPTriggerClient::silence_deadline() const
     return last_input_us + timeout_s * us_per_s;
 }
 
+bool TCPTriggerClient::inside_message() const
+{
+    return line_pos > 0 || line_count > 0;
+}
+
 const char* TCPTriggerClient::state_name() const
 {
     if (sock_fd < 0)
         return "closed";
     if (stalled())
         return "stalled";
-    if (line_pos > 0 || line_count > 0)
+    if (inside_message())
         return "reading";
     return "idle";
 }
@@ -262,6 +295,7 @@ int TCPTriggerClient::idle()
             unsigned char byte = bytes[i++];
             ++count;
             ++bytes_read;
+            ++looked_at;
             --window_left;
             if (!message_within_limit(*this, byte))
                 return refuse_long_message(*this);
@@ -276,10 +310,12 @@ int TCPTriggerClient::idle()
                 return -1;
             if (stalled() && daemon_settings.close_long_lines)
                 return refuse_long_line(*this);
-            if (count == limit || stalled())
-                return take_processed(*this, bytes, i);
+            if (count == limit || stalled()) {
+                take_processed(*this);
+                return 0;
+            }
         }
-        take_processed(*this, bytes, received);
+        take_processed(*this);
     }
     return 0;
 }

@@ -1,6 +1,8 @@
 // One accepted TCP trigger connection and its line protocol.
 #pragma once
 
+#include "trigger/kept_connection_table.h"
+
 #include <netinet/in.h>
 
 #include <cstddef>
@@ -27,9 +29,16 @@ public:
     size_t window_left = SIZE_MAX;
     sockaddr_in peer{};        ///< the peer's address as accept() gave it, for the status
     uint64_t messages = 0;     ///< complete messages handled
+    /// Bytes processed but still in the socket, where they were only looked
+    /// at; taken out of it at the end of each read.
+    size_t looked_at = 0;
+    /// The connection's slot in the table of kept connections; null while
+    /// the connection is not kept in the service manager's descriptor store.
+    KeptSlot* kept = nullptr;
 
     TCPTriggerClient();
-    /// Closes the socket if it is open; no reply is sent.
+    /// Closes its descriptor of the socket if it is open; no reply is sent,
+    /// and a kept connection's slot stays as it was.
     ~TCPTriggerClient();
     TCPTriggerClient(const TCPTriggerClient&) = delete;
     TCPTriggerClient& operator=(const TCPTriggerClient&) = delete;
@@ -47,6 +56,9 @@ public:
     /// close_long_lines set such a line closes the connection instead, so
     /// a connection is stalled only while the setting is off.
     bool stalled() const;
+    /// True from the first character of a message to the line feed that
+    /// completes it.
+    bool inside_message() const;
     /// "stalled" once a line reached 1024 characters, "reading" inside a
     /// message, "idle" between messages, "closed" once the connection ended.
     const char* state_name() const;

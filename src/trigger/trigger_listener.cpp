@@ -4,6 +4,7 @@
 #include "config/daemon_settings.h"
 #include "daemon/daemon_counters.h"
 #include "daemon/pass_limits.h"
+#include "trigger/kept_connections.h"
 #include "trigger/trigger_access.h"
 
 #include <arpa/inet.h>
@@ -22,7 +23,6 @@
 namespace {
 
 constexpr int listen_backlog = 4;
-constexpr size_t most_clients = 4;
 
 void set_reuse_option(int option, const char* name)
 {
@@ -69,6 +69,7 @@ void sweep_closed_clients()
         auto current = it++;
         if (current->second.sock_fd < 0) {
             fprintf(stderr, "Dropping TCP client fd %d\n", current->first);
+            forget_kept_connection(current->second);
             tcp_clients.erase(current);
             ++tcp_service_totals.dropped;
         }
@@ -96,11 +97,7 @@ void adopt_client(int fd, const sockaddr_in& peer)
     // pass do not wait for the peer's delayed acknowledgement of the last.
     int immediately = 1;
     setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &immediately, sizeof(immediately));
-    // A new connection joins the window under way with its whole budget.
-    TCPTriggerClient& client = tcp_clients[fd];
-    client.take_fd(fd);
-    client.peer = peer;
-    client.window_left = tcp_bytes_per_window;
+    keep_connection(enter_tcp_client(fd, peer));
     ++tcp_service_totals.accepted;
 }
 
@@ -109,7 +106,7 @@ void adopt_client(int fd, const sockaddr_in& peer)
 void accept_new_clients()
 {
     int refusals_left = tcp_refusals_per_call;
-    while (tcp_clients.size() < most_clients && refusals_left > 0) {
+    while (tcp_clients.size() < tcp_client_places && refusals_left > 0) {
         sockaddr_in peer{};
         int fd = accept_pending(peer);
         if (fd < 0)
@@ -185,6 +182,15 @@ void service_all_tcp_clients()
     report_refusals_due();
 }
 
+TCPTriggerClient& enter_tcp_client(int fd, const sockaddr_in& peer)
+{
+    TCPTriggerClient& client = tcp_clients[fd];
+    client.take_fd(fd);
+    client.peer = peer;
+    client.window_left = tcp_bytes_per_window;
+    return client;
+}
+
 void drop_all_tcp_clients()
 {
     while (!tcp_clients.empty())
@@ -213,7 +219,7 @@ void open_tcp_window()
 // the loop when its idle time is up.
 void tcp_wait_descriptors(std::vector<pollfd>& fds, uint64_t& wake_at, bool& budget_spent)
 {
-    if (tcp_trigger_fd >= 0 && tcp_clients.size() < most_clients)
+    if (tcp_trigger_fd >= 0 && tcp_clients.size() < tcp_client_places)
         fds.push_back(pollfd{tcp_trigger_fd, POLLIN, 0});
     for (const auto& entry : tcp_clients) {
         const TCPTriggerClient& client = entry.second;

@@ -11,6 +11,9 @@
 
 struct pollfd;
 
+/// Connections open at once at most: the places of tcp_clients.
+constexpr size_t tcp_client_places = 4;
+
 /// TCP port of the listener (low 16 bits used).
 extern int tcp_trigger_port;
 /// Listening socket, -1 while closed.
@@ -33,8 +36,13 @@ void tcp_trigger_close();
 /// addresses tcp_allow does not list, and write the refusal lines that are
 /// due.
 void service_all_tcp_clients();
-/// Closes and forgets every connection, without replies or messages.
+/// Closes the daemon's descriptor of every connection and forgets them,
+/// without replies or messages; a kept connection stays open in the
+/// descriptor store.
 void drop_all_tcp_clients();
+/// Enters the open connection `fd` from `peer` into tcp_clients, where it
+/// must not be yet, joining the window under way with its whole budget.
+TCPTriggerClient& enter_tcp_client(int fd, const sockaddr_in& peer);
 
 /// What the TCP service has done since start.
 struct TcpServiceTotals {

@@ -125,9 +125,10 @@ Daemon::Daemon(std::vector<std::string> args, std::vector<std::string> wrapper,
 {
 }
 
-Daemon::Daemon(const ManagerSockets& sockets)
-    : ChildProcess(daemon_command({}, {}), "/dev/null", next_stderr_path(), {sockets.names_setting()},
-                   sockets.fds())
+Daemon::Daemon(const ManagerSockets& sockets) : Daemon(sockets.handover()) {}
+
+Daemon::Daemon(const Handover& handover)
+    : ChildProcess(daemon_command({}, {}), "/dev/null", next_stderr_path(), handover.environment, handover.fds)
 {
 }
 

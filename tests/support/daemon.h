@@ -56,6 +56,9 @@ public:
     /// The daemon started on the sockets of a service manager: `sockets`
     /// handed over with their names.
     explicit Daemon(const ManagerSockets& sockets);
+    /// The daemon started as a service manager starts it: the descriptors
+    /// of `handover` handed over, its environment added.
+    explicit Daemon(const Handover& handover);
 
     /// Waits until daemon_ready() holds and the daemon has its signal
     /// handlers in place.

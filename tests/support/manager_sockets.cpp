@@ -11,6 +11,14 @@
 
 namespace q9test {
 
+std::string listen_fdnames(const std::vector<std::string>& names)
+{
+    std::string setting = "LISTEN_FDNAMES=";
+    for (size_t i = 0; i < names.size(); ++i)
+        setting += (i == 0 ? "" : ":") + names[i];
+    return setting;
+}
+
 ManagerSockets::~ManagerSockets()
 {
     for (int fd : fds_)
@@ -55,12 +63,9 @@ void ManagerSockets::add(int fd, const std::string& name)
     names_.push_back(name);
 }
 
-std::string ManagerSockets::names_setting() const
+Handover ManagerSockets::handover() const
 {
-    std::string setting = "LISTEN_FDNAMES=";
-    for (size_t i = 0; i < names_.size(); ++i)
-        setting += (i == 0 ? "" : ":") + names_[i];
-    return setting;
+    return {fds_, {listen_fdnames(names_)}};
 }
 
 }  // namespace q9test

@@ -10,6 +10,17 @@
 
 namespace q9test {
 
+/// What a service manager hands to a process it starts: descriptors 3 and
+/// up (LISTEN_FDS, LISTEN_PID) and settings of its environment
+/// (LISTEN_FDNAMES among them).
+struct Handover {
+    std::vector<int> fds;
+    std::vector<std::string> environment;
+};
+
+/// LISTEN_FDNAMES naming the handed descriptors in their order.
+std::string listen_fdnames(const std::vector<std::string>& names);
+
 /// The descriptors to hand over, in their order, each with its name; all
 /// are closed with the holder.
 class ManagerSockets : NoCopy {
@@ -28,8 +39,10 @@ public:
 
     /// The descriptors, for spawn().
     const std::vector<int>& fds() const { return fds_; }
-    /// LISTEN_FDNAMES for the environment of the process they are handed to.
-    std::string names_setting() const;
+    /// Their names, in their order.
+    const std::vector<std::string>& names() const { return names_; }
+    /// The descriptors with LISTEN_FDNAMES.
+    Handover handover() const;
 
 private:
     std::vector<int> fds_;
