@@ -184,4 +184,30 @@ bool FakeService::notify(const std::string& command, const Pairs& pairs)
     return sent;
 }
 
+Packet ask(PacketClient& client, const std::string& command, const Pairs& pairs, uint64_t reference)
+{
+    Packet reply;
+    client.request(reply, command, pairs, reference);
+    return reply;
+}
+
+std::string reply_summary(const Packet& reply)
+{
+    return reply.command + " / " + reply.status + " / " + std::to_string(reply.result);
+}
+
+std::string status_value(PacketClient& client, const std::string& name)
+{
+    for (const auto& pair : ask(client, "status").pairs)
+        if (pair.first == name)
+            return pair.second;
+    return "(absent)";
+}
+
+std::string status_value(const std::string& name)
+{
+    PacketClient client;
+    return status_value(client, name);
+}
+
 }  // namespace q9test

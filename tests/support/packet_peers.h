@@ -46,6 +46,17 @@ private:
     comm_socket_v4* sock_ = nullptr;
 };
 
+/// The reply to one request on `client`; an empty packet when none came.
+Packet ask(PacketClient& client, const std::string& command, const Pairs& pairs = {},
+           uint64_t reference = 0);
+/// "COMMAND / STATUS / RESULT" of a reply, to compare a reply in one line.
+std::string reply_summary(const Packet& reply);
+/// The value of `name` in the daemon's status reply on `client`, or
+/// "(absent)".
+std::string status_value(PacketClient& client, const std::string& name);
+/// The same on a connection of its own.
+std::string status_value(const std::string& name);
+
 /// A server at a socket path that records every request and answers those
 /// that want a reply with whatever `answer` writes (no answer when unset).
 class FakeService : NoCopy {

@@ -28,15 +28,6 @@ using Pairs = std::vector<std::pair<std::string, std::string>>;
 
 const uint8_t kRequestFlags = COMM_SOCKET_V4_REPLY_WANTED | COMM_SOCKET_V4_MODE_BIT;
 
-// The reply to one request; an empty packet when none came.
-Packet ask(PacketClient& client, const std::string& command, const Pairs& pairs = {},
-           uint64_t reference = 0)
-{
-    Packet reply;
-    client.request(reply, command, pairs, reference);
-    return reply;
-}
-
 // The persistent media items, as "list-pmi" reports them.
 Pairs listed_items(PacketClient& client)
 {

@@ -26,34 +26,13 @@ namespace {
 const std::string owners_on = "item_owners = true\n";
 const std::string refused_reply = "unregister / Registered by another user / 103";
 
-Packet ask(PacketClient& client, const std::string& command, const Pairs& pairs = {})
-{
-    Packet reply;
-    client.request(reply, command, pairs);
-    return reply;
-}
-
-// "COMMAND / STATUS / RESULT" of a reply.
-std::string summary(const Packet& reply)
-{
-    return reply.command + " / " + reply.status + " / " + std::to_string(reply.result);
-}
-
 // The reply to one request that a local program of `uid` sends.
 std::string ask_as(uid_t uid, const std::string& command, const Pairs& pairs)
 {
     return as_user(uid, [&] {
         PacketClient client;
-        return summary(ask(client, command, pairs));
+        return reply_summary(ask(client, command, pairs));
     });
-}
-
-std::string status_value(PacketClient& client, const std::string& name)
-{
-    for (const auto& pair : ask(client, "status").pairs)
-        if (pair.first == name)
-            return pair.second;
-    return "(absent)";
 }
 
 Pairs listed_items(PacketClient& client)
@@ -84,7 +63,7 @@ TEST_F(ItemOwners, AnotherUserCannotUnregisterAnItemWhichStillStartsOnATrigger)
 {
     start(owners_on);
     PacketClient root;
-    ASSERT_EQ(summary(ask(root, "register", {{"target", "news"}})), "register / OK / 0");
+    ASSERT_EQ(reply_summary(ask(root, "register", {{"target", "news"}})), "register / OK / 0");
     EXPECT_EQ(ask_as(other_uid, "unregister", {{"target", "news"}}), refused_reply);
     EXPECT_TRUE(daemon->wait_for_stderr("* client 1 (uid 65534) may not unregister an item of uid 0: news\n"));
     EXPECT_EQ(listed_items(root), (Pairs{{"item", "news"}}));
@@ -105,11 +84,11 @@ TEST_F(ItemOwners, ARefusedUnregisterAppliesNeitherItsTargetNorItsTriggers)
 {
     start(owners_on);
     PacketClient root;
-    ASSERT_EQ(summary(ask(root, "register", {{"target", "news"}})), "register / OK / 0");
+    ASSERT_EQ(reply_summary(ask(root, "register", {{"target", "news"}})), "register / OK / 0");
     std::string seen = as_user(other_uid, [] {
         PacketClient client;
-        std::string replies = summary(ask(client, "register", {{"target", "mine"}, {"triggers", "*"}})) + "\n";
-        replies += summary(ask(client, "unregister", {{"target", "news"}, {"triggers", "*"}})) + "\n";
+        std::string replies = reply_summary(ask(client, "register", {{"target", "mine"}, {"triggers", "*"}})) + "\n";
+        replies += reply_summary(ask(client, "unregister", {{"target", "news"}, {"triggers", "*"}})) + "\n";
         replies += status_value(client, "clients.1.target") + " ";
         return replies + status_value(client, "clients.1.listening");
     });
@@ -122,13 +101,13 @@ TEST_F(ItemOwners, TheOwnerAndRootMayUnregisterTheirItems)
     PacketClient root;
     std::string own = as_user(other_uid, [] {
         PacketClient client;
-        std::string replies = summary(ask(client, "register", {{"target", "own"}})) + "\n";
-        replies += summary(ask(client, "register", {{"target", "theirs"}})) + "\n";
-        return replies + summary(ask(client, "unregister", {{"target", "own"}}));
+        std::string replies = reply_summary(ask(client, "register", {{"target", "own"}})) + "\n";
+        replies += reply_summary(ask(client, "register", {{"target", "theirs"}})) + "\n";
+        return replies + reply_summary(ask(client, "unregister", {{"target", "own"}}));
     });
     EXPECT_EQ(own, "register / OK / 0\nregister / OK / 0\nunregister / OK / 0");
     EXPECT_EQ(status_value(root, "items.0.owner"), "65534");
-    EXPECT_EQ(summary(ask(root, "unregister", {{"target", "theirs"}})), "unregister / OK / 0");
+    EXPECT_EQ(reply_summary(ask(root, "unregister", {{"target", "theirs"}})), "unregister / OK / 0");
     EXPECT_TRUE(listed_items(root).empty());
     EXPECT_EQ(status_value(root, "refusals.owner"), "0");
     EXPECT_EQ(daemon->stderr_text().find("may not unregister"), std::string::npos);
@@ -138,13 +117,13 @@ TEST_F(ItemOwners, AnItemRegisteredWhileTheSettingWasOffBelongsToNobody)
 {
     start("item_owners = false\n");
     PacketClient root;
-    ASSERT_EQ(summary(ask(root, "register", {{"target", "classic"}})), "register / OK / 0");
+    ASSERT_EQ(reply_summary(ask(root, "register", {{"target", "classic"}})), "register / OK / 0");
     EXPECT_EQ(status_value(root, "items.0.owner"), "");
     write_config(config_with_daemon_keys(owners_on));
     ASSERT_TRUE(daemon->deliver(SIGHUP));
     ASSERT_TRUE(daemon->wait_for_stderr("Reloading config, SIGHUP\n"));
     ASSERT_EQ(status_value(root, "daemon.item_owners"), "true");
-    EXPECT_EQ(summary(ask(root, "register", {{"target", "classic"}})), "register / OK / 0");
+    EXPECT_EQ(reply_summary(ask(root, "register", {{"target", "classic"}})), "register / OK / 0");
     EXPECT_EQ(status_value(root, "items.0.owner"), "") << "a second register takes no ownership";
     EXPECT_EQ(ask_as(other_uid, "unregister", {{"target", "classic"}}), "unregister / OK / 0");
     EXPECT_TRUE(listed_items(root).empty());
@@ -156,7 +135,7 @@ TEST_F(ItemOwners, WithTheSettingOffAnyoneMayUnregisterAnyItem)
 {
     start(owners_on);
     PacketClient root;
-    ASSERT_EQ(summary(ask(root, "register", {{"target", "news"}})), "register / OK / 0");
+    ASSERT_EQ(reply_summary(ask(root, "register", {{"target", "news"}})), "register / OK / 0");
     write_config(config_with_daemon_keys("item_owners = false\n"));
     ASSERT_TRUE(daemon->deliver(SIGHUP));
     ASSERT_TRUE(daemon->wait_for_stderr("Reloading config, SIGHUP\n"));
@@ -171,7 +150,7 @@ TEST_F(ItemOwners, TheClassicDaemonLetsAnyoneUnregisterAndRecordsNoOwner)
     daemon = std::make_unique<Daemon>();
     ASSERT_TRUE(daemon->wait_until_running());
     PacketClient root;
-    ASSERT_EQ(summary(ask(root, "register", {{"target", "news"}})), "register / OK / 0");
+    ASSERT_EQ(reply_summary(ask(root, "register", {{"target", "news"}})), "register / OK / 0");
     EXPECT_EQ(status_value(root, "items.0.owner"), "");
     EXPECT_EQ(ask_as(other_uid, "unregister", {{"target", "news"}}), "unregister / OK / 0");
     EXPECT_TRUE(listed_items(root).empty());
@@ -185,7 +164,7 @@ TEST_F(ItemOwners, OwnersOutliveARestartInTheStateFile)
     EXPECT_EQ(ask_as(other_uid, "register", {{"target", "theirs"}}), "register / OK / 0");
     {
         PacketClient root;
-        ASSERT_EQ(summary(ask(root, "register", {{"target", "root's"}})), "register / OK / 0");
+        ASSERT_EQ(reply_summary(ask(root, "register", {{"target", "root's"}})), "register / OK / 0");
     }
     EXPECT_EQ(read_file("/run/q9-state/items"),
               "q9_korvane_xml_events_d state 2\nitem 0 root's\nitem 65534 theirs\n");

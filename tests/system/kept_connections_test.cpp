@@ -33,17 +33,6 @@ namespace {
 constexpr const char* unit_name = "q9_korvane_xml_events_d.socket";
 constexpr const char* unit_service_path = "/run/q9_korvane_xml_events_d.service";
 
-std::string status_value(const std::string& name)
-{
-    PacketClient client;
-    Packet reply;
-    client.request(reply, "status");
-    for (const auto& pair : reply.pairs)
-        if (pair.first == name)
-            return pair.second;
-    return "(absent)";
-}
-
 /// Waits until the daemon has taken `count` bytes of its first TCP
 /// connection: they left the socket and live only in the daemon.
 bool daemon_read(size_t count)

@@ -21,27 +21,6 @@ using namespace q9test;
 
 namespace {
 
-Packet ask(PacketClient& client, const std::string& command, const Pairs& pairs = {})
-{
-    Packet reply;
-    client.request(reply, command, pairs);
-    return reply;
-}
-
-// "COMMAND / STATUS / RESULT" of a reply.
-std::string summary(const Packet& reply)
-{
-    return reply.command + " / " + reply.status + " / " + std::to_string(reply.result);
-}
-
-std::string status_value(PacketClient& client, const std::string& name)
-{
-    for (const auto& pair : ask(client, "status").pairs)
-        if (pair.first == name)
-            return pair.second;
-    return "(absent)";
-}
-
 // Whether the daemon ended the connection `fd` by the deadline.
 bool closed_by_daemon(int fd)
 {
@@ -69,7 +48,7 @@ TEST_F(LocalLimits, AConnectionBeyondMaxLocalClientsIsClosedAtOnce)
     start("max_local_clients = 2\n");
     PacketClient first;
     PacketClient second;
-    ASSERT_EQ(summary(ask(second, "test")), "test / OK / 0");
+    ASSERT_EQ(reply_summary(ask(second, "test")), "test / OK / 0");
     int third = connect_unix(service_path);
     ASSERT_GE(third, 0);
     EXPECT_TRUE(closed_by_daemon(third));
@@ -86,15 +65,15 @@ TEST_F(LocalLimits, ARegisterBeyondMaxItemsIsRefusedAndChangesNothing)
 {
     start("max_items = 2\n");
     PacketClient client;
-    ASSERT_EQ(summary(ask(client, "register", {{"target", "a"}})), "register / OK / 0");
-    ASSERT_EQ(summary(ask(client, "register", {{"target", "b"}})), "register / OK / 0");
-    EXPECT_EQ(summary(ask(client, "register", {{"target", "c"}, {"triggers", "*"}})),
+    ASSERT_EQ(reply_summary(ask(client, "register", {{"target", "a"}})), "register / OK / 0");
+    ASSERT_EQ(reply_summary(ask(client, "register", {{"target", "b"}})), "register / OK / 0");
+    EXPECT_EQ(reply_summary(ask(client, "register", {{"target", "c"}, {"triggers", "*"}})),
               "register / Too many items / 104");
     EXPECT_TRUE(daemon->wait_for_stderr("* client 0 may not register another item, max_items is 2: c\n"));
     EXPECT_EQ(ask(client, "list-pmi").pairs, (Pairs{{"item", "a"}, {"item", "b"}}));
     EXPECT_EQ(status_value(client, "clients.0.target"), "b");
     EXPECT_EQ(status_value(client, "clients.0.listening"), "false");
-    EXPECT_EQ(summary(ask(client, "register", {{"target", "a"}})), "register / OK / 0")
+    EXPECT_EQ(reply_summary(ask(client, "register", {{"target", "a"}})), "register / OK / 0")
         << "an item present adds nothing";
     EXPECT_EQ(status_value(client, "refusals.items"), "1");
 }
@@ -103,7 +82,7 @@ TEST_F(LocalLimits, ARegisterOfANameBeyondMaxItemNameBytesIsRefusedAndChangesNot
 {
     start("max_item_name_bytes = 8\n");
     PacketClient client;
-    EXPECT_EQ(summary(ask(client, "register", {{"target", "123456789"}, {"triggers", "*"}})),
+    EXPECT_EQ(reply_summary(ask(client, "register", {{"target", "123456789"}, {"triggers", "*"}})),
               "register / Item name too long / 105");
     EXPECT_TRUE(daemon->wait_for_stderr(
         "* client 0 may not register a name of 9 bytes, max_item_name_bytes is 8\n"));
@@ -111,14 +90,14 @@ TEST_F(LocalLimits, ARegisterOfANameBeyondMaxItemNameBytesIsRefusedAndChangesNot
     // Clients are notified in the order they connected: once the later
     // listener has its notification, one for `client` would be waiting.
     PacketClient later;
-    ASSERT_EQ(summary(ask(later, "register", {{"triggers", "*"}})), "register / OK / 0");
+    ASSERT_EQ(reply_summary(ask(later, "register", {{"triggers", "*"}})), "register / OK / 0");
     TcpPeer peer;
     ASSERT_TRUE(peer.send("TRIGGER\n\n"));
     ASSERT_EQ(peer.receive(4), "OK\n\n");
     Packet notification;
     ASSERT_TRUE(later.receive(notification));
     EXPECT_FALSE(client.receive(notification, std::chrono::milliseconds(0))) << "triggers=* was applied";
-    EXPECT_EQ(summary(ask(client, "register", {{"target", "12345678"}})), "register / OK / 0");
+    EXPECT_EQ(reply_summary(ask(client, "register", {{"target", "12345678"}})), "register / OK / 0");
     EXPECT_EQ(status_value(client, "refusals.item_name_bytes"), "1");
 }
 
@@ -132,7 +111,7 @@ TEST_F(LocalLimits, WithoutLimitsEveryClientAndItemIsServed)
     for (int i = 0; i < 8; ++i) {
         clients.push_back(std::make_unique<PacketClient>());
         std::string name = std::string(300, 'n') + std::to_string(i);
-        ASSERT_EQ(summary(ask(*clients.back(), "register", {{"target", name}})), "register / OK / 0");
+        ASSERT_EQ(reply_summary(ask(*clients.back(), "register", {{"target", name}})), "register / OK / 0");
     }
     EXPECT_EQ(ask(*clients[0], "list-pmi").pairs.size(), 8u);
     std::string err = daemon->stderr_text();

@@ -45,14 +45,6 @@ Pairs listed_items()
     return ask("list-pmi").pairs;
 }
 
-std::string status_value(const std::string& name)
-{
-    for (const auto& pair : ask("status").pairs)
-        if (pair.first == name)
-            return pair.second;
-    return "(absent)";
-}
-
 class StateFile : public testing::Test {
 protected:
     void SetUp() override

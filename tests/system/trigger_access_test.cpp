@@ -41,17 +41,6 @@ int refusals_told(const std::string& err, const std::string& peer)
     return told;
 }
 
-std::string status_value(const std::string& name)
-{
-    PacketClient client;
-    Packet reply;
-    client.request(reply, "status");
-    for (const auto& pair : reply.pairs)
-        if (pair.first == name)
-            return pair.second;
-    return "(absent)";
-}
-
 void expect_answered(TcpPeer& peer)
 {
     ASSERT_TRUE(peer.connected());
