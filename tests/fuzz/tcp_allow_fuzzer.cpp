@@ -10,8 +10,8 @@
 // written into the list as TOML strings; odd, the rest is written between
 // the list's brackets as it is.
 #include "config/address_allow_list.h"
-#include "config/configuration.h"
 #include "config/daemon_settings.h"
+#include "configuration_in_memory.h"
 
 #include <cpptoml.h>
 
@@ -22,21 +22,10 @@
 #include <string>
 #include <vector>
 
-#include <sys/mman.h>
-#include <unistd.h>
 
 namespace {
 
-int file_fd = -1;
-FILE* findings = stderr;
-
-void check(bool condition, const char* what)
-{
-    if (!condition) {
-        fprintf(findings, "broken: %s\n", what);
-        abort();
-    }
-}
+using configuration_in_memory::check;
 
 bool clean(const AllowedBlock& block)
 {
@@ -105,8 +94,7 @@ std::vector<AllowedBlock> accepted_blocks(const std::shared_ptr<cpptoml::base>& 
 
 void check_loader(const std::string& text)
 {
-    check(ftruncate(file_fd, 0) == 0, "memory file emptied");
-    check(pwrite(file_fd, text.data(), text.size(), 0) == static_cast<ssize_t>(text.size()), "memory file written");
+    configuration_in_memory::write(text.data(), text.size());
     configuration.clear();
     daemon_settings = DaemonSettings();
     if (!load_configuration())
@@ -126,15 +114,7 @@ void check_loader(const std::string& text)
 
 extern "C" int LLVMFuzzerInitialize(int*, char***)
 {
-    // The file lives in memory and vanishes with the process; the loader
-    // reaches it through its /proc link.
-    file_fd = memfd_create("q9_tcp_allow_fuzzer", 0);
-    check(file_fd >= 0, "memory file");
-    configuration_path = "/proc/self/fd/" + std::to_string(file_fd);
-    // The loader reports its settings and warnings on stderr; send them
-    // nowhere.  The fuzzer, the sanitizers and check() keep the real stderr.
-    findings = stderr;
-    stderr = fopen("/dev/null", "w");
+    configuration_in_memory::open("q9_tcp_allow_fuzzer");
     return 0;
 }
 
