@@ -73,6 +73,16 @@ protected:
         EXPECT_EQ(count_of(err, line), 1) << err;
     }
 
+    /// A new connection is answered and stored, beside the table only,
+    /// under `name`: what came before has left the store.
+    void expect_next_connection_stored_as(const std::string& name)
+    {
+        TcpPeer next;
+        ASSERT_TRUE(next.send("ONE LINE TRIGGER\n"));
+        EXPECT_EQ(next.receive(3), "OK\n");
+        EXPECT_TRUE(store.wait_for_names({"trigger-table", name}));
+    }
+
     ManagerSockets sockets;
     ManagerStore store;
     std::unique_ptr<Daemon> daemon;
@@ -275,10 +285,7 @@ TEST_F(KeptConnections, AConnectionClosedByItsPeerWhileNoDaemonRunsIsDroppedAtTh
     expect_line("Kept TCP client fd 6 (trigger-1) taken back\n");
     EXPECT_TRUE(daemon->wait_for_stderr("Dropping TCP client fd 6\n"));
     EXPECT_TRUE(store.wait_for_names({"trigger-table"}));
-    TcpPeer next;
-    ASSERT_TRUE(next.send("ONE LINE TRIGGER\n"));
-    EXPECT_EQ(next.receive(3), "OK\n");
-    EXPECT_TRUE(store.wait_for_names({"trigger-table", "trigger-2"}));
+    expect_next_connection_stored_as("trigger-2");
 }
 
 // A restart under a tcp_allow that no longer lists the peer: the connection
@@ -324,10 +331,7 @@ TEST_F(KeptConnections, WhatTheDaemonCannotUseLeavesTheStoreWithALineEach)
     expect_line("Stored fd 6 (trigger-4-message) is not used, removing it: its connection did not come back\n");
     EXPECT_TRUE(unknown.peer->wait_closed());
     EXPECT_TRUE(store.wait_for_names({"trigger-table"}));
-    TcpPeer peer;
-    ASSERT_TRUE(peer.send("ONE LINE TRIGGER\n"));
-    EXPECT_EQ(peer.receive(3), "OK\n");
-    EXPECT_TRUE(store.wait_for_names({"trigger-table", "trigger-6"}));
+    expect_next_connection_stored_as("trigger-6");
 }
 
 // The daemon under a notification socket but without a store to use is the
