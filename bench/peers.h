@@ -148,6 +148,14 @@ private:
 /// reply; true when the reply said "OK".
 bool service_request(const std::string& command, const q9test::Pairs& pairs);
 
+/// Sends `count` requests of `command` with `pairs` on `client` in batches
+/// of `batch`, each in one write once every reply to the one before came, and
+/// hands each reply to `on_reply` as soon as it comes (waiting on the
+/// client's socket, not at the tests' polling interval); the number of
+/// replies, fewer when none came for 5 s.
+size_t batched_requests(q9test::PacketClient& client, const std::string& command, const q9test::Pairs& pairs,
+                        size_t count, size_t batch, const std::function<void(const q9test::Packet&)>& on_reply);
+
 /// `text` `times` times over.
 std::string repeated(const std::string& text, int times);
 

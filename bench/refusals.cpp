@@ -19,6 +19,7 @@
 #include "peers.h"
 #include "probes.h"
 #include "stats.h"
+#include "turns.h"
 
 #include <poll.h>
 #include <sys/resource.h>
@@ -27,10 +28,8 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cstdio>
 #include <random>
-#include <thread>
 
 using namespace q9bench;
 
@@ -41,13 +40,6 @@ const char* const flooding_address = "127.0.0.9";
 struct Options {
     int rounds = 5;       // turns of a flooded window and a quiet one
     int refused = 10000;  // connections of one flood
-};
-
-/// What one window of the allowed peer's round trips measured.
-struct Window {
-    std::vector<double> trips_us;
-    double seconds = 0;
-    uint64_t cpu_ns = 0;  ///< the daemon's time on a CPU
 };
 
 /// What the floods did and cost, over all rounds.
@@ -88,7 +80,7 @@ ssize_t closed_connection(int port)
     return received;
 }
 
-void flood(int port, int count, FloodResult& result, std::atomic<bool>& done)
+void flood(int port, int count, FloodResult& result)
 {
     setpriority(PRIO_PROCESS, static_cast<id_t>(syscall(SYS_gettid)), 19);
     for (int i = 0; i < count; ++i) {
@@ -99,61 +91,14 @@ void flood(int port, int count, FloodResult& result, std::atomic<bool>& done)
             result.bytes_received += static_cast<uint64_t>(received);
         ++result.connections;
     }
-    done = true;
-}
-
-// Round trips of the allowed peer until `until` says stop.
-template <typename Until>
-void round_trips(TriggerConnection& peer, std::mt19937& random, std::vector<double>& trips, Until until)
-{
-    std::uniform_real_distribution<double> gap_ms(1, 3);
-    const std::string trigger = "ONE LINE TRIGGER\n";
-    while (!until()) {
-        sleep_ms(gap_ms(random));
-        double at = now_us();
-        if (send(peer.fd(), trigger.data(), trigger.size(), MSG_NOSIGNAL) !=
-                static_cast<ssize_t>(trigger.size()) ||
-            send_and_collect(peer, "", 3, 5e6) != 3) {
-            fprintf(stderr, "refusals: the allowed peer got no answer\n");
-            return;
-        }
-        trips.push_back(now_us() - at);
-    }
-}
-
-Window flooded_window(pid_t daemon, TriggerConnection& peer, std::mt19937& random, int count,
-                      FloodResult& result)
-{
-    Window window;
-    std::atomic<bool> done{false};
-    uint64_t before = proc_usage(daemon).runtime_ns;
-    double start = now_us();
-    std::thread flooder(flood, q9test::trigger_port, count, std::ref(result), std::ref(done));
-    round_trips(peer, random, window.trips_us, [&] { return done.load(); });
-    flooder.join();
-    window.seconds = (now_us() - start) / 1e6;
-    window.cpu_ns = proc_usage(daemon).runtime_ns - before;
-    return window;
-}
-
-Window quiet_window(pid_t daemon, TriggerConnection& peer, std::mt19937& random, double seconds)
-{
-    Window window;
-    uint64_t before = proc_usage(daemon).runtime_ns;
-    double start = now_us();
-    round_trips(peer, random, window.trips_us, [&] { return now_us() - start >= seconds * 1e6; });
-    window.seconds = (now_us() - start) / 1e6;
-    window.cpu_ns = proc_usage(daemon).runtime_ns - before;
-    return window;
 }
 
 // The floor's CPU time over a flood of `count` connections.
 uint64_t floor_flood(const RefusingFloor& floor, int count, Floods& floods)
 {
     FloodResult result;
-    std::atomic<bool> done{false};
     uint64_t before = proc_usage(floor.pid()).runtime_ns;
-    flood(floor.port(), count, result, done);
+    flood(floor.port(), count, result);
     floods.floor_connections += result.connections;
     return proc_usage(floor.pid()).runtime_ns - before;
 }
@@ -171,36 +116,6 @@ int refusals_told(const std::string& err, size_t& lines)
         ++lines;
     }
     return told;
-}
-
-std::vector<double> all_trips(const std::vector<Window>& windows)
-{
-    std::vector<double> trips;
-    for (const Window& window : windows)
-        trips.insert(trips.end(), window.trips_us.begin(), window.trips_us.end());
-    return trips;
-}
-
-// The lowest and the highest of a percentile over the windows, in ms.
-std::string spread(const std::vector<Window>& windows, double Summary::*figure)
-{
-    std::vector<double> values;
-    for (const Window& window : windows)
-        values.push_back(summarize(window.trips_us).*figure);
-    auto range = std::minmax_element(values.begin(), values.end());
-    return fixed(*range.first / 1000, 3) + " to " + fixed(*range.second / 1000, 3);
-}
-
-std::string trip_cells(const std::vector<Window>& windows)
-{
-    Summary summary = summarize(all_trips(windows));
-    return fixed(summary.p50 / 1000, 3) + " / " + fixed(summary.p99 / 1000, 3) + " (p50 " +
-           spread(windows, &Summary::p50) + ", p99 " + spread(windows, &Summary::p99) + ")";
-}
-
-double per_thousand_ms(uint64_t cpu_ns, uint64_t connections)
-{
-    return connections == 0 ? 0 : cpu_ns / 1e6 / (connections / 1000.0);
 }
 
 void report(const Options& options, const std::vector<Window>& quiet, const std::vector<Window>& flooded,
@@ -246,8 +161,7 @@ void add_flood(const Window& flooded, const Window& quiet, const FloodResult& re
     floods.bytes_received += result.bytes_received;
     floods.unclosed += result.unclosed;
     floods.seconds += flooded.seconds;
-    double quiet_ns = quiet.cpu_ns / quiet.seconds * flooded.seconds;
-    floods.cpu_ns += static_cast<uint64_t>(std::max(0.0, flooded.cpu_ns - quiet_ns));
+    floods.cpu_ns += load_cpu_ns(flooded, quiet);
 }
 
 }  // namespace
@@ -273,7 +187,9 @@ int main(int argc, char** argv)
     double started = now_us();
     for (int round = 0; round < options.rounds; ++round) {
         FloodResult result;
-        flooded.push_back(flooded_window(daemon.pid(), peer, random, options.refused, result));
+        flooded.push_back(loaded_window(daemon.pid(), peer, random, [&] {
+            flood(q9test::trigger_port, options.refused, result);
+        }));
         quiet.push_back(quiet_window(daemon.pid(), peer, random, flooded.back().seconds));
         add_flood(flooded.back(), quiet.back(), result, floods);
         floods.floor_cpu_ns += floor_flood(floor, options.refused, floods);
