@@ -65,6 +65,8 @@ void note_saved()
 // write is reported once, until a write succeeds.
 void note_unsaved(int error)
 {
+    if (error != 0)
+        ++state_file.failed_writes;
     if (state_file.unsaved_since_us != 0)
         return;
     if (error != 0)

@@ -15,6 +15,7 @@ struct StateFileRecord {
     std::string path;                ///< the file the items go to; "": none
     uint64_t unsaved_since_us = 0;   ///< first change not in the file; 0: all saved
     bool bad_file_in_place = false;  ///< a bad file that could not be moved aside yet
+    uint64_t failed_writes = 0;      ///< writes that failed since start, retries included
 };
 
 /// The state file in use.

@@ -152,6 +152,7 @@ void write_state_file(PairWriter& out, const Clocks& clocks)
 {
     uint64_t since = state_file.unsaved_since_us;
     out.number("state_file.unsaved_since", since == 0 ? 0 : clocks.unix_time_of(since));
+    out.number("state_file.failed_writes", state_file.failed_writes);
 }
 
 void write_channels(PairWriter& out, const Clocks& clocks)

@@ -126,6 +126,7 @@ TEST_F(MetricsOfAKnownDaemon, ValuesAreThoseOfStatusJsonTakenAroundThem)
             {"local_client_send_failures_total", counters["client_send_failures"]},
             {"reloads_total", counters["reloads"]},
             {"reload_failures_total", counters["reload_failures"]},
+            {"state_file_failed_writes_total", after["state_file"]["failed_writes"]},
         };
         for (auto& [reason, count] : after["refusals"].items())
             expected["refusals_total{reason=\"" + reason + "\"}"] = count;

@@ -195,6 +195,18 @@ TEST(CtlStatusFormat, ItemsNotSavedToTheStateFileSaySinceWhen)
     EXPECT_EQ(1795000000u, status_object(reply.get())["state_file"]["unsaved_since"]);
 }
 
+TEST(CtlStatusFormat, FailedWritesOfTheStateFileAreCountedBesideIt)
+{
+    StatusReply reply(joined({kHeader, kCounters,
+                              {{"daemon.state_file", "/var/lib/q9/items"},
+                               {"state_file.unsaved_since", "1795000000"},
+                               {"state_file.failed_writes", "3"}}}));
+    EXPECT_NE(std::string::npos,
+              format_status_text(reply.get())
+                  .find("  NOT SAVED to /var/lib/q9/items since 2026-11-18 11:06:40 UTC, 3 writes failed since start\n"));
+    EXPECT_EQ(3u, status_object(reply.get())["state_file"]["failed_writes"]);
+}
+
 TEST(CtlStatusFormat, JsonGroupsListsAndTypesTheDocumentedFields)
 {
     StatusReply reply(joined({kHeader, kLists, kCounters}));

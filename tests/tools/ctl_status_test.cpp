@@ -49,7 +49,7 @@ TEST_F(StatusOfAKnownDaemon, ReplyNamesEveryFieldInTheDocumentedOrder)
         for (const char* field : {"index", "listening", "target"})
             expected.push_back(std::string(client) + field);
     expected.insert(expected.end(),
-                    {"items.0.name", "items.0.owner", "items.1.name", "items.1.owner", "state_file.unsaved_since"});
+                    {"items.0.name", "items.0.owner", "items.1.name", "items.1.owner", "state_file.unsaved_since", "state_file.failed_writes"});
     for (const char* channel : {"channels.0.", "channels.1."})
         for (const char* field : {"number", "state", "since"})
             expected.push_back(std::string(channel) + field);

@@ -78,6 +78,8 @@ const CounterSource kCounters[] = {
      {"reloads", MetricType::Counter, nullptr, "Configuration reloads (SIGHUP) tried."}},
     {"counters", "reload_failures",
      {"reload_failures", MetricType::Counter, nullptr, "Configuration reloads that failed to load."}},
+    {"state_file", "failed_writes",
+     {"state_file_failed_writes", MetricType::Counter, nullptr, "Writes of the state file that failed."}},
     {"passes", "count", {"passes", MetricType::Counter, nullptr, "Passes of the main loop completed."}},
 };
 

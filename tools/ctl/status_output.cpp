@@ -44,6 +44,7 @@ const Field kTypedFields[] = {
     {"clients.*.listening", Kind::flag},
     {"items.*.owner", Kind::number_or_none},
     {"state_file.unsaved_since", Kind::number},
+    {"state_file.failed_writes", Kind::number},
     {"channels.*.number", Kind::number},
     {"channels.*.since", Kind::number},
     {"counters.triggers", Kind::number},
@@ -308,9 +309,11 @@ std::string state_file_line(const Json& status)
         return "";
     std::string path = kept_in.get<std::string>();
     const Json& since = status_member(status_member(status, "state_file"), "unsaved_since");
+    uint64_t failed = count_of(status_member(status_member(status, "state_file"), "failed_writes"));
+    std::string failures = failed == 0 ? "" : ", " + plural(failed, "write", "writes") + " failed since start";
     if (count_of(since) == 0)
-        return "  kept in " + quote_if_needed(path) + "\n";
-    return "  NOT SAVED to " + quote_if_needed(path) + " since " + utc_time(since) + "\n";
+        return "  kept in " + quote_if_needed(path) + failures + "\n";
+    return "  NOT SAVED to " + quote_if_needed(path) + " since " + utc_time(since) + failures + "\n";
 }
 
 // An item without owner shows "-"; a daemon that does not tell owners

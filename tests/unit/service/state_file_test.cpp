@@ -200,6 +200,7 @@ TEST_F(StateFile, AFailedWriteKeepsTheItemsSaysSoOnceAndIsTriedAgain)
     EXPECT_FALSE(save());
     EXPECT_EQ(err, "");
     EXPECT_EQ(state_file.unsaved_since_us, since);
+    EXPECT_EQ(state_file.failed_writes, 2u) << "every failed write is counted, told once";
     EXPECT_EQ(items(), (std::vector<std::string>{"a", "b"}));
 
     ASSERT_EQ(rmdir((path + ".new").c_str()), 0);

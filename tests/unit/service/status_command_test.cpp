@@ -84,7 +84,7 @@ TEST_F(StatusCommandTest, IdleDaemonHasHeaderCountersAndNoListMembers)
     EXPECT_EQ(configuration_path, fields["config.path"]);
     EXPECT_EQ("failed", fields["config.result"]) << "nothing loaded yet";
     EXPECT_EQ("false", fields["daemon.wake_on_input"]);
-    EXPECT_EQ(36u, names.size());
+    EXPECT_EQ(37u, names.size());
     EXPECT_EQ("refusals.item_name_bytes", names.back());
     EXPECT_EQ("any", fields["daemon.tcp_allow"]);
     EXPECT_EQ("0", fields["refusals.address"]);
